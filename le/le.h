@@ -1,0 +1,79 @@
+/*
+ * Kestrova talking-avatar engine: the context family.
+ *
+ * A context (le_ctx) holds everything loaded from one avatar bundle: a
+ * directory with a manifest.json, or a single-file IMX container that the
+ * engine unpacks once into a directory beside it.
+ *
+ * Conventions shared by every family of this library:
+ *  - Functions never throw and never abort on bad input. A function that can
+ *    fail returns NULL, 0 or a negative number, and leaves a sentence in its
+ *    family's error string ("le_create: cannot open ..."). For this family
+ *    that is le_last_error().
+ *  - Error strings are per thread and per family: a failure on one thread is
+ *    not visible on another, and a successful call leaves an empty string.
+ *  - le_*_destroy ignores NULL.
+ */
+#ifndef LE_LE_H
+#define LE_LE_H
+
+#include <stddef.h>
+
+#include "le/le_export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Opaque handle of one opened bundle. */
+typedef struct le_ctx le_ctx;
+
+/*
+ * Opens a bundle. bundle_dir names a bundle directory or an IMX container
+ * (with or without its ".imx" suffix). model_key selects the director graph
+ * member "model_<key>.onnx" ("render" is the usual key). threads below 1
+ * means the process-wide worker count (LE_CORE_THREADS, else
+ * LE_PASTE_THREADS, else min(4, cores)). ep may be NULL.
+ * Returns NULL on failure, with the refusal in le_last_error().
+ */
+LE_API le_ctx* le_create(const char* bundle_dir, const char* model_key, int threads, const char* ep);
+
+/* Frees a context; NULL is ignored. Destroy every session on it first. */
+LE_API void le_destroy(le_ctx* ctx);
+
+/*
+ * The calling thread's error text of this family: empty after a successful
+ * call. Valid until the next call of this family on this thread.
+ */
+LE_API const char* le_last_error(void);
+
+/* Rows of a keypoint set: always 21 (x, y, z each, 63 floats). */
+LE_API int le_host_kp_rows(void);
+
+/* Geometry of an opened bundle; 0 for a NULL context. */
+LE_API int le_nt(const le_ctx* ctx);     /* source frames */
+LE_API int le_width(const le_ctx* ctx);  /* output canvas width, pixels */
+LE_API int le_height(const le_ctx* ctx); /* output canvas height, pixels */
+LE_API int le_crop(const le_ctx* ctx);   /* side of the rendered face crop */
+
+/*
+ * Resolves a bundle path without opening a context: unpacks a container if
+ * needed and writes the directory to use into out (cap bytes, terminator
+ * included). Returns 1, or -1 on failure (out[0] set to 0 when out is
+ * usable; le_last_error() says why unless the arguments were NULL or cap 0).
+ */
+LE_API int le_bundle_resolve_handle(const char* path, char* out, size_t cap);
+
+/*
+ * Writes the path of a bundle member into out, trying its canonical name
+ * when the primary name is absent. Returns 1 if the file exists, 0 if it
+ * doesn't, -1 for NULL arguments, a cap of 0, a path that doesn't fit, or a
+ * container that can't be unpacked (then le_last_error() says why).
+ */
+LE_API int le_bundle_resolve_member(const char* path, const char* member, char* out, size_t cap);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
