@@ -3,7 +3,7 @@
 # engine's kernels define their results with the product rounded first.
 # Nothing here may ever add -ffast-math.
 add_compile_options(-ffp-contract=off -fno-fast-math
-  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align
+  -Wall -Wextra -Wpedantic -Wshadow -Wcast-align $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
   -Wno-missing-field-initializers)
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_options(-O2)

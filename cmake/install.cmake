@@ -7,6 +7,8 @@ install(TARGETS kestrova EXPORT kestrovaTargets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES le/le.h le/le_export.h le/le_tel.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/le)
 install(TARGETS le-bundle RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The pinned runtime travels with the library, which finds it beside itself.
+install(FILES ${LE_ORT_LIBRARY} DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 install(EXPORT kestrovaTargets NAMESPACE kestrova::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kestrova)
@@ -19,5 +21,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kestrovaConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/kestrovaConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kestrova)
 
+# The pkg-config file finds its prefix from where it lies, so the installed
+# tree can be moved.
+file(RELATIVE_PATH LE_PC_UP "/r/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/r")
 configure_file(cmake/kestrova.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kestrova.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kestrova.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

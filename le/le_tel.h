@@ -43,8 +43,9 @@ LE_API void le_tel_record_str(const char* key, const char* value);
  * Queues a fresh snapshot (the queue keeps the latest 256) and posts every
  * queued snapshot in one batch. Returns 0 when delivered (the queue is then
  * empty), -1 without a transport or with an empty token (nothing is queued),
- * -3 when the service answered other than 200, or the transport's own
- * negative result. On failure the queue is kept for the next flush.
+ * -3 when the service answered other than 200, the transport's own
+ * negative result, or -4 when the engine itself could not build the batch
+ * (out of memory). On failure the queue is kept for the next flush.
  */
 LE_API int le_tel_flush(void);
 
