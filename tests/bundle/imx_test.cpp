@@ -212,6 +212,20 @@ TEST(ImxRefusals, MembersThatCollide) {
   const std::string parent = s.copy("parent_conflict.imx");
   EXPECT_EQ(resolveError(parent), "cannot create " + le::imxUnwrapDir(parent) + "/f");
   EXPECT_FALSE(le::test::exists(le::imxMarkerPath(parent)));
+  // A member whose ".part" file can't be opened.
+  const std::string part = s.copy("part_conflict.imx");
+  EXPECT_EQ(resolveError(part), "cannot write " + le::imxUnwrapDir(part) + "/x.bin.part");
+}
+
+TEST(ImxRefusals, MarkerThatCannotBeWritten) {
+  Scratch s;
+  const std::string c = s.copy("sample.imx");
+  const std::string marker = le::imxMarkerPath(c);
+  std::filesystem::create_directory(marker);
+  EXPECT_EQ(resolveError(c), "cannot write unwrap marker " + marker);
+  // Without a marker the directory is never taken as finished.
+  std::filesystem::remove(marker);
+  EXPECT_NE(le::test::captureStderr([&] { le::resolveBundlePath(c); }), "");
 }
 
 TEST(ImxConcurrency, ConcurrentOpensOfOneContainerUnwrapOnce) {

@@ -67,6 +67,7 @@ def write_cases(d, sample):
 
     # Members that collide once written out.
     put("place_conflict.imx", container([("d/x.bin", b"x"), ("d", b"file over a directory")]))
+    put("part_conflict.imx", container([("x.bin.part/y", b"y"), ("x.bin", b"x")]))
     put("parent_conflict.imx", container([("f", b"a file"), ("f/x.bin", b"below a file")]))
 
     # A container under another name, and one already named .lebundle.
