@@ -1,0 +1,260 @@
+// The paste against the plain reference, byte for byte, on several
+// geometries, masks and kernel sizes, on every compiled target; its tables;
+// its settings and refusals.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "paste/paste.h"
+#include "paste/paste_tables.h"
+#include "tests/compute/targets.h"
+#include "tests/paste/paste_reference.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+using le::test::ScopedEnv;
+
+constexpr int kW = 96, kH = 72;
+
+std::vector<uint8_t> softMask(int side) {
+  // A feathered disc: 255 inside, a ramp across the edge, 0 outside.
+  std::vector<uint8_t> m(side * side);
+  const float c = (side - 1) * 0.5f, r = side * 0.42f, feather = side * 0.12f;
+  for (int y = 0; y < side; ++y)
+    for (int x = 0; x < side; ++x) {
+      const float d = std::hypot(x - c, y - c);
+      const float v = std::clamp((r - d) / feather, 0.0f, 1.0f);
+      m[y * side + x] = static_cast<uint8_t>(v * 255.0f + 0.5f);
+    }
+  return m;
+}
+
+std::vector<uint8_t> hardMask(int side) {
+  std::vector<uint8_t> m(side * side, 0);
+  for (int y = side / 8; y < side - side / 8; ++y)
+    for (int x = side / 6; x < side - side / 5; ++x) m[y * side + x] = 255;
+  return m;
+}
+
+std::vector<float> randomCrop(int side, unsigned seed) {
+  std::mt19937 rng(seed);
+  // Unclipped, as a renderer hands it over: a little below 0 and above 1.
+  std::uniform_real_distribution<float> u(-0.08f, 1.08f);
+  std::vector<float> crop(3 * side * side);
+  for (auto& v : crop) v = u(rng);
+  return crop;
+}
+
+std::vector<uint8_t> randomFrame(unsigned seed) {
+  std::mt19937 rng(seed);
+  std::vector<uint8_t> f(kW * kH * 3);
+  for (auto& v : f) v = static_cast<uint8_t>(rng() & 0xff);
+  return f;
+}
+
+le::test::PasteTables tablesOf(const le::Paste& p) {
+  return {p.gauss(), le::paste::lanczosTable(), le::paste::bilinearTable(), le::paste::cubicTable()};
+}
+
+struct Geometry {
+  const char* name;
+  float M[6];
+};
+
+// crop -> frame transforms: a placement, shrink, enlarge, rotation, and
+// crops hanging over each edge of the frame.
+const Geometry kGeometries[] = {
+    {"translate", {1.0f, 0.0f, 20.0f, 0.0f, 1.0f, 11.0f}},
+    {"scale_0.75", {0.75f, 0.0f, 30.37f, 0.0f, 0.75f, 17.81f}},
+    {"scale_1.2", {1.2f, 0.0f, 12.5f, 0.0f, 1.2f, 9.25f}},
+    {"rotate", {1.0453f, -0.3204f, 33.1f, 0.3204f, 1.0453f, 2.7f}},
+    {"over_left_top", {1.1f, 0.05f, -14.3f, -0.05f, 1.1f, -9.6f}},
+    {"over_right_bottom", {0.9f, 0.0f, 75.2f, 0.0f, 0.9f, 51.4f}},
+};
+
+void expectSameAsReference(int side, int ksize, float sigma, float amount, const std::vector<uint8_t>& mask,
+                           unsigned seed) {
+  le::Paste paste(mask, side, le::Unsharp{amount, sigma, ksize});
+  const auto tables = tablesOf(paste);
+  const auto crop = randomCrop(side, seed);
+  for (const Geometry& g : kGeometries) {
+    SCOPED_TRACE(g.name);
+    auto mine = randomFrame(seed + 1);
+    auto ref = mine;
+    const auto before = mine;
+    paste.composite(crop.data(), 255.0f, g.M, mine.data(), kW, kH);
+    le::test::referencePaste(mask, side, amount, tables, paste.fastMode(), crop.data(), 255.0f, g.M, ref.data(), kW,
+                             kH);
+    ASSERT_EQ(mine, ref);
+    EXPECT_NE(mine, before) << "the geometry pasted nothing, so it checks nothing";
+  }
+}
+
+TEST(PasteBytes, LanczosOnEveryGeometryAndTarget) {
+  le::test::forEachTarget([] {
+    expectSameAsReference(32, 7, 1.5f, 0.6f, softMask(32), 1);
+    expectSameAsReference(32, 7, 1.5f, 0.6f, hardMask(32), 2);
+  });
+}
+
+TEST(PasteBytes, KernelSizes3To15) {
+  le::test::forEachTarget([] {
+    for (int k = 3; k <= 15; k += 2) {
+      SCOPED_TRACE("ksize " + std::to_string(k));
+      expectSameAsReference(40, k, 0.3f * k, 0.8f, softMask(40), 10 + k);
+    }
+  });
+}
+
+TEST(PasteBytes, BicubicAndBilinearModes) {
+  for (const char* mode : {"1", "2"}) {
+    ScopedEnv fast("LE_PASTE_FAST", mode);
+    SCOPED_TRACE(std::string("LE_PASTE_FAST=") + mode);
+    expectSameAsReference(32, 5, 1.0f, 0.5f, softMask(32), 30);
+  }
+}
+
+TEST(PasteBytes, LargerCropAcrossRowSlices) {
+  // Over 64 rows, so that the stages are cut into slices when threads allow.
+  // Opaque but for a ramp along the edges, so every placement shows.
+  std::vector<uint8_t> mask(160 * 160);
+  for (int y = 0; y < 160; ++y)
+    for (int x = 0; x < 160; ++x) mask[y * 160 + x] = static_cast<uint8_t>(std::min({x, y, 159 - x, 159 - y, 15}) * 17);
+  le::test::forEachTarget([&] { expectSameAsReference(160, 9, 2.0f, 0.7f, mask, 40); });
+}
+
+TEST(PasteCases, IdentityWithFullMaskAndNoSharpeningCopiesTheCrop) {
+  const int side = 24;
+  le::Paste paste(std::vector<uint8_t>(side * side, 255), side, le::Unsharp{0.0f, 1.0f, 5});
+  const auto crop = randomCrop(side, 5);
+  auto frame = randomFrame(6);
+  const float M[6] = {1, 0, 0, 0, 1, 0};
+  paste.composite(crop.data(), 255.0f, M, frame.data(), kW, kH);
+  for (int y = 0; y < side; ++y)
+    for (int x = 0; x < side; ++x)
+      for (int c = 0; c < 3; ++c) {
+        const float v = crop[(c * side + y) * side + x] * 255.0f;
+        const auto want = static_cast<uint8_t>(v > 0 ? (v < 255 ? v : 255) : 0);
+        ASSERT_EQ(frame[(y * kW + x) * 3 + c], want) << y << "," << x << "," << c;
+      }
+}
+
+TEST(PasteCases, NothingChangesWhereNothingIsPasted) {
+  const int side = 32;
+  const auto crop = randomCrop(side, 7);
+  const auto original = randomFrame(8);
+  const auto unchanged = [&](le::Paste& p, const float* M) {
+    auto f = original;
+    p.composite(crop.data(), 255.0f, M, f.data(), kW, kH);
+    return f == original;
+  };
+  le::Paste paste(softMask(side), side, le::Unsharp{0.5f, 1.0f, 5});
+  const float singular[6] = {1, 2, 5, 2, 4, 5};
+  const float offFrame[6] = {1, 0, 500, 0, 1, 10};
+  const float nan[6] = {NAN, 0, 5, 0, 1, 5};
+  EXPECT_TRUE(unchanged(paste, singular));
+  EXPECT_TRUE(unchanged(paste, offFrame));
+  EXPECT_TRUE(unchanged(paste, nan));
+  le::Paste empty(std::vector<uint8_t>(side * side, 0), side, le::Unsharp{0.5f, 1.0f, 5});
+  const float place[6] = {1, 0, 10, 0, 1, 10};
+  EXPECT_TRUE(unchanged(empty, place));
+}
+
+TEST(PasteTables, LanczosPhasesAndSums) {
+  const auto lanc = le::paste::lanczosTable();
+  ASSERT_EQ(lanc.size(), 256u);
+  for (int t = 0; t < 8; ++t) EXPECT_EQ(lanc[t], t == 3 ? 1.0f : 0.0f);
+  const double pi = 3.14159265358979323846;
+  const auto sinc = [&](double x) { return x == 0 ? 1.0 : std::sin(pi * x) / (pi * x); };
+  for (int i = 1; i < 32; ++i) {
+    double sum = 0, want[8], wsum = 0;
+    for (int t = 0; t < 8; ++t) {
+      EXPECT_NE(lanc[8 * i + t], 0.0f) << "phase " << i << " tap " << t;
+      sum += lanc[8 * i + t];
+      const double x = i / 32.0 + 3 - t;  // distance from the tap, in pixels
+      want[t] = sinc(x) * sinc(x / 4);
+      wsum += want[t];
+    }
+    EXPECT_NEAR(sum, 1.0, 1e-6);
+    for (int t = 0; t < 8; ++t) EXPECT_NEAR(lanc[8 * i + t], want[t] / wsum, 2e-7) << i << "," << t;
+  }
+}
+
+TEST(PasteTables, GaussBilinearCubic) {
+  const auto g = le::paste::gaussTaps(7, 1.5f);
+  double sum = 0;
+  for (int i = 0; i < 7; ++i) {
+    sum += g[i];
+    EXPECT_EQ(g[i], g[6 - i]);
+    EXPECT_NEAR(g[i] / g[3], std::exp(-(i - 3.0) * (i - 3.0) / (2.0 * 1.5 * 1.5)), 1e-6);
+  }
+  EXPECT_NEAR(sum, 1.0, 1e-6);
+  const auto bil = le::paste::bilinearTable();
+  const auto cub = le::paste::cubicTable();
+  for (int i = 0; i < 32; ++i) {
+    EXPECT_EQ(bil[2 * i] + bil[2 * i + 1], 1.0f);
+    EXPECT_EQ(bil[2 * i + 1], i / 32.0f);
+    // Keys' cubic, A = -0.75, at distances 1 + f, f, 1 - f, 2 - f.
+    const double f = i / 32.0;
+    const auto keys = [](double x) {
+      x = std::fabs(x);
+      return x <= 1 ? (1.25 * x - 2.25) * x * x + 1 : ((-0.75 * x + 3.75) * x - 6) * x + 3;
+    };
+    const double want[4] = {keys(1 + f), keys(f), keys(1 - f), keys(2 - f)};
+    for (int t = 0; t < 4; ++t) EXPECT_NEAR(cub[4 * i + t], want[t], 1e-6) << i << "," << t;
+  }
+}
+
+TEST(PasteSettings, KernelSizeAndModeVariables) {
+  const le::Unsharp u{0.5f, 1.2f, 7};
+  const auto mask = softMask(16);
+  const auto ksizeWith = [&](const char* v) {
+    ScopedEnv e("LE_PASTE_KSIZE", v);
+    return le::Paste(mask, 16, u);
+  };
+  EXPECT_EQ(ksizeWith("9").ksize(), 7);  // never raised
+  EXPECT_EQ(ksizeWith("4").ksize(), 7);  // never even
+  EXPECT_EQ(ksizeWith("1").ksize(), 7);  // at least 3
+  const le::Paste five = ksizeWith("5");
+  EXPECT_EQ(five.ksize(), 5);
+  EXPECT_EQ(five.padSide(), 16 + 4);
+  EXPECT_EQ(five.gauss(), le::paste::gaussTaps(5, 1.2f));
+  for (const char* v : {"3", "-1", "x"}) {
+    ScopedEnv e("LE_PASTE_FAST", v);
+    EXPECT_EQ(le::Paste(mask, 16, u).fastMode(), 0) << v;
+  }
+  ScopedEnv e("LE_PASTE_FAST", "2");
+  ScopedEnv verify("LE_PASTE_METAL", "verify");
+  EXPECT_EQ(le::Paste(mask, 16, u).fastMode(), 2);
+}
+
+TEST(PasteSettings, Refusals) {
+  const auto refusal = [](auto&& make) {
+    try {
+      make();
+    } catch (const std::runtime_error& e) {
+      return std::string(e.what());
+    }
+    return std::string("no refusal");
+  };
+  EXPECT_EQ(refusal([] { le::Paste(std::vector<uint8_t>(15), 4, le::Unsharp{1, 1, 3}); }), "paste: mask size");
+  EXPECT_EQ(refusal([] { le::Paste(std::vector<uint8_t>(16), 4, le::Unsharp{1, 1, 4}); }),
+            "paste: ksize must be odd");
+  EXPECT_EQ(refusal([] { le::Paste(std::vector<uint8_t>(16), 4, le::Unsharp{1, 0, 3}); }),
+            "paste: sigma must be > 0");
+  EXPECT_EQ(refusal([] { le::Paste(std::vector<uint8_t>(16), 4, le::Unsharp{1, 1, 9}); }),
+            "paste: ksize 9 reaches past a 4-pixel crop");
+  const int big = 1025;
+  le::Paste huge(std::vector<uint8_t>(big * big, 255), big, le::Unsharp{1, 1, 3});
+  std::vector<float> crop(3 * big * big, 0.5f);
+  std::vector<uint8_t> frame(kW * kH * 3, 0);
+  const float M[6] = {1, 0, 0, 0, 1, 0};
+  EXPECT_EQ(refusal([&] { huge.composite(crop.data(), 255.0f, M, frame.data(), kW, kH); }), "paste: side > 1024");
+}
+
+}  // namespace
