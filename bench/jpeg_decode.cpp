@@ -1,5 +1,5 @@
-// Times the decode of one 1280x720 driver frame through the JPEG source of
-// Part 2.1 (JpgDirSource::next: read the file, stb_image decode, copy into
+// Times the decode of one 1280x720 driver frame through the JPEG source
+// (JpgDirSource::next: read the file, stb_image decode, copy into
 // the frame), and, for comparison, the allocating le::loadImageRGB and a
 // sequential DriverCursor pull. Prints the median and the 99th percentile,
 // and the heap allocations per decode where the allocation counter is built
@@ -175,7 +175,8 @@ int main(int argc, char** argv) {
         source->next(frame.data());
       }
     };
-    report("JpgDirSource::next (read + decode + copy)", timeCalls(2 * nt, n, sourceNext, &allocs), allocs);
+    std::vector<double> ms = timeCalls(2 * nt, n, sourceNext, &allocs);
+    report("JpgDirSource::next (read + decode + copy)", ms, allocs);
 
     // 2. The plain loader, which allocates its buffers and result each time.
     const auto plain = [&](int i) {
@@ -183,7 +184,8 @@ int main(int argc, char** argv) {
       const std::vector<uint8_t> rgb = le::loadImageRGB(framePath(dir, i % nt), &w, &h);
       frame[0] = rgb[0];
     };
-    report("le::loadImageRGB (allocating)", timeCalls(nt, n, plain, &allocs), allocs);
+    ms = timeCalls(nt, n, plain, &allocs);
+    report("le::loadImageRGB (allocating)", ms, allocs);
 
     // 3. A sequential pull through the cursor (look-ahead 2, history 11) by a
     // caller that does nothing else, so each pull waits on the decoder thread.
@@ -192,7 +194,8 @@ int main(int argc, char** argv) {
       int id = -1;
       cursor->pullAt(i % nt, &id);
     };
-    report("DriverCursor::pullAt in order (waits on decode)", timeCalls(2 * nt, n, pull, &allocs), allocs);
+    ms = timeCalls(2 * nt, n, pull, &allocs);
+    report("DriverCursor::pullAt in order (waits on decode)", ms, allocs);
     std::printf("cursor seeks: %llu\n", static_cast<unsigned long long>(cursor->seeks()));
   } catch (const std::exception& e) {
     std::fprintf(stderr, "jpeg_decode: %s\n", e.what());

@@ -1,13 +1,32 @@
 #include "le/context.h"
 
+#include <cstdio>
 #include <memory>
+#include <stdexcept>
+#include <vector>
 
-#include "bundle/identity_members.h"
+#include "bundle/members.h"
 #include "compute/threads.h"
 #include "le/boundary.h"
 #include "le/le.h"
 
 using le::boundary::Family;
+
+namespace {
+
+// The compose mask: the first crop x crop bytes of mask_512.u8, a literal
+// name whatever the crop.
+std::vector<uint8_t> readMask(const le::Manifest& m) {
+  const size_t n = static_cast<size_t>(m.crop) * static_cast<size_t>(m.crop);
+  std::vector<uint8_t> mask(n);
+  FILE* f = std::fopen(le::resolveMember(m.bundle_dir, "mask_512.u8").c_str(), "rb");
+  const size_t got = f ? std::fread(mask.data(), 1, n, f) : 0;
+  if (f) std::fclose(f);
+  if (got != n) throw std::runtime_error("mask read failed");
+  return mask;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -23,9 +42,13 @@ LE_API le_ctx* le_create(const char* bundle_dir, const char* model_key, int thre
     ctx->ep = ep ? ep : "";
     ctx->model_key = model_key;
     ctx->manifest = le::loadManifest(bundle_dir, 0);
-    // The identity tensors need a warp prior; a bundle without one is refused
-    // here rather than when the first frame is rendered.
-    le::ensureIdentityMembers(ctx->manifest);
+    const le::Manifest& m = ctx->manifest;
+    // The identity refuses a bundle without a warp prior here rather than at
+    // the first rendered frame.
+    ctx->identity = std::make_unique<le::Identity>(m);
+    ctx->drive = le::loadDrive(m);
+    ctx->paste = std::make_unique<le::Paste>(readMask(m), m.crop, le::Unsharp{m.amount, m.sigma, m.ksize});
+    ctx->cursor = le::DriverCursor::open(m, 2, 11);
     return ctx.release();
   });
 }

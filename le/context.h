@@ -1,16 +1,28 @@
 // The context behind the le_ctx handle: everything loaded from one bundle.
 // Sessions hold a plain pointer to it and are destroyed first. The context
-// has no lock of its own.
+// has no lock of its own; the cursor guards itself.
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <string>
 
+#include "bundle/drive.h"
+#include "bundle/identity.h"
 #include "bundle/manifest.h"
+#include "driver/cursor.h"
 #include "le/le.h"
+#include "paste/paste.h"
 
+// Members are released in reverse order of declaration: the cursor's decoder
+// thread is joined before the identity's mappings go.
 struct le_ctx {
   le::Manifest manifest;
+  std::unique_ptr<le::Identity> identity;  // mapped tensors, paste matrices M
+  le::Drive drive;                         // the idle loop tables
+  std::unique_ptr<le::Paste> paste;
   int threads = 1;        // worker threads handed to the renderer
   std::string ep;         // execution provider name; empty selects the default
   std::string model_key;  // selects the director graph "model_<key>.onnx"
+  std::unique_ptr<le::DriverCursor> cursor;  // driver video
 };

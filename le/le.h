@@ -18,6 +18,7 @@
 #define LE_LE_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "le/le_export.h"
 
@@ -55,6 +56,26 @@ LE_API int le_nt(const le_ctx* ctx);     /* source frames */
 LE_API int le_width(const le_ctx* ctx);  /* output canvas width, pixels */
 LE_API int le_height(const le_ctx* ctx); /* output canvas height, pixels */
 LE_API int le_crop(const le_ctx* ctx);   /* side of the rendered face crop */
+
+/* Rows of the bundle's recorded idle loop; 0 for a NULL context. */
+LE_API int le_drive_frames(const le_ctx* ctx);
+
+/*
+ * Driver frame si (0 to le_nt - 1) as W x H x 3 bytes of RGB, rows top to
+ * bottom, no padding. The pointer is into the driver's look-ahead ring and
+ * stays valid until 14 further frames have been decoded; copy it to keep it.
+ * NULL on failure.
+ */
+LE_API const uint8_t* le_target_frame(le_ctx* ctx, int si);
+
+/*
+ * Writes driver frame si into out (at least W*H*3 bytes) and pastes crop
+ * into it: three float planes R, G, B of crop x crop values on a 0 to 1
+ * scale, sharpened, warped by the bundle's paste matrix of frame si and
+ * blended through the compose mask. Returns 1, or 0 on failure. One thread
+ * at a time per context, and not while a session runs on it.
+ */
+LE_API int le_paste_crop(le_ctx* ctx, int si, const float* crop, uint8_t* out, size_t out_bytes);
 
 /*
  * Resolves a bundle path without opening a context: unpacks a container if

@@ -140,4 +140,8 @@ def sample_bundle():
         "xs_target.bin": f32([rng.unit() * 2 - 1 for _ in range(nt * 63)]),
         "model_b1_fp32.onnx": b"graph placeholder: a real graph arrives with the renderer",
     }
+    # The pooled features and the JPEG driver.
+    from frames_data import driver_frames, pooled_features
+    members["pooled64.f16"] = pooled_features(nt)
+    members.update(driver_frames(nt, w, h))
     return Bundle(manifest, members)

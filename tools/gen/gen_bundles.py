@@ -22,6 +22,9 @@ import sys
 
 from bundle_data import Bundle, sample_bundle, manifest_text
 import imx
+import lip_data
+import frames_data
+import graphs
 
 
 def write_manifest_cases(root):
@@ -91,14 +94,16 @@ def write_manifest_cases(root):
 def write_prior_cases(root):
     base = sample_bundle()
     raw = base.members["P.f16"]
+    # fs_red.f16 at its exact length: NT rows of 524,288 bytes.
+    fs_red = bytes(base.manifest["NT"] * 524288)
     without = {k: v for k, v in base.members.items() if k != "P.f16"}
 
     def case(name, members, **fields):
         Bundle(dict(base.manifest, **fields), members).write_dir(os.path.join(root, "priors", name))
 
-    case("fs_red_only", dict(without, **{"fs_red.f16": b"\0" * 32}))
+    case("fs_red_only", dict(without, **{"fs_red.f16": fs_red}))
     case("p_rgb_other_name", dict(without, **{"P_rgb.f16": raw}), P_rgb="P_rgb.f16")
-    case("p_rgb_with_fs_red", dict(without, **{"P_rgb.f16": raw, "fs_red.f16": b"\0" * 32}), P_rgb="P_rgb.f16")
+    case("p_rgb_with_fs_red", dict(without, **{"P_rgb.f16": raw, "fs_red.f16": fs_red}), P_rgb="P_rgb.f16")
     case("no_prior", without)
     case("hevc_missing", without, P_hevc="prior.mov")
     case("hevc_present", dict(without, **{"prior.mov": b"movie"}), P_hevc="prior.mov")
@@ -119,6 +124,9 @@ def main():
     write_manifest_cases(out)
     write_prior_cases(out)
     imx.write_cases(os.path.join(out, "containers"), sample)
+    lip_data.write_cases(os.path.join(out, "lip"))
+    frames_data.write_frames_cases(out, sample)
+    graphs.write_cases(os.path.join(out, "graphs"))
 
 
 if __name__ == "__main__":
