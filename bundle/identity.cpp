@@ -10,19 +10,6 @@
 
 namespace le {
 
-namespace {
-
-// The manifest's string value of `key`, or empty when the key is absent or
-// its value is not a string.
-std::string stringValue(const std::string& text, const char* key) {
-  const size_t pos = manifest_key::scalarValuePos(text, key);
-  if (pos == manifest_key::kNotFound || text[pos] != '"') return {};
-  const size_t close = text.find('"', pos + 1);
-  return close == std::string::npos ? std::string() : text.substr(pos + 1, close - pos - 1);
-}
-
-}  // namespace
-
 Identity::Identity(const Manifest& manifest) : nt_(manifest.NT), crop_(manifest.crop), manifest_(manifest) {
   ensureIdentityMembers(manifest);
   const std::string& dir = manifest.bundle_dir;
@@ -37,7 +24,7 @@ Identity::Identity(const Manifest& manifest) : nt_(manifest.NT), crop_(manifest.
   if (canOpen(p)) {
     p_ = MappedFile(p, nt * crop * crop * 6);
   } else if (!has_fs) {
-    std::string name = stringValue(readFile(dir + "/manifest.json"), "P_hevc");
+    std::string name = manifest_key::stringValue(readFile(dir + "/manifest.json"), "P_hevc");
     if (name.empty()) name = "P_hevc.mov";
     const std::string movie = resolveMember(dir, name);
     if (canOpen(movie)) prior_member_ = movie;

@@ -8,25 +8,12 @@
 
 namespace le {
 
-namespace {
-
-// The manifest's string value of `key`, or empty when the key is absent or
-// its value is not a string.
-std::string stringValue(const std::string& text, const char* key) {
-  const size_t pos = manifest_key::scalarValuePos(text, key);
-  if (pos == manifest_key::kNotFound || text[pos] != '"') return {};
-  const size_t close = text.find('"', pos + 1);
-  return close == std::string::npos ? std::string() : text.substr(pos + 1, close - pos - 1);
-}
-
-}  // namespace
-
 void ensureIdentityMembers(const Manifest& manifest) {
   const std::string& dir = manifest.bundle_dir;
   const std::string text = readFile(dir + "/manifest.json");
   const auto present = [&](const std::string& member) { return pathExists(resolveMember(dir, member)); };
 
-  std::string name = stringValue(text, "P_rgb");
+  std::string name = manifest_key::stringValue(text, "P_rgb");
   if (name.empty()) name = "P.f16";
   const bool raw = present("P.f16") || present("fs_red.f16");
   if (name != "P.f16" && present(name) && !raw)
@@ -36,7 +23,7 @@ void ensureIdentityMembers(const Manifest& manifest) {
         "silently and Identity::P(si) is then an offset from a null pointer. REFUSING rather than rendering "
         "off a prior nothing will read.");
   if (raw) return;
-  const std::string hevc = stringValue(text, "P_hevc");
+  const std::string hevc = manifest_key::stringValue(text, "P_hevc");
   if (hevc.empty())
     throw std::runtime_error("this bundle carries neither " + name +
                              " nor fs_red.f16, and its manifest names no P_hevc member to play one from — the "

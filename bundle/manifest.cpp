@@ -118,15 +118,6 @@ double entryNum(const std::string& entry, const char* key, const std::string& la
   return v;
 }
 
-// A scalar value that begins with a double quote, up to the next one.
-std::string entryDriver(const std::string& entry) {
-  const size_t pos = manifest_key::scalarValuePos(entry, "driver_mp4");
-  if (pos == kNotFound || entry[pos] != '"') return {};
-  const size_t close = entry.find('"', pos + 1);
-  if (close == std::string::npos) return {};
-  return entry.substr(pos + 1, close - pos - 1);
-}
-
 bool isWholeEven(double v) { return std::isfinite(v) && std::trunc(v) == v && std::fmod(v, 2.0) == 0.0; }
 
 // Steps 8 and 9 of loading: select the published output of `height`.
@@ -151,7 +142,7 @@ void selectOutput(Manifest& m, const std::string& text, int32_t height) {
   if (static_cast<long double>(m.H) * width != static_cast<long double>(m.W) * outH)
     refuse(label + fmt(" is %.0fx%.0f, not the native %dx%d canvas's aspect", width, outH, m.W, m.H) +
            " — the paste would stretch the face");
-  const std::string driver = entryDriver(entry);
+  const std::string driver = manifest_key::stringValue(entry, "driver_mp4");
   if (driver.empty() || driver[0] == '.' || driver.find_first_of("/\\") != std::string::npos)
     refuse(label + " names no usable driver_mp4 member (\"" + driver + "\")");
   if (!canOpen(resolveMember(dir, driver)))

@@ -70,4 +70,11 @@ size_t scalarValuePos(std::string_view text, std::string_view key) {
   return kNotFound;
 }
 
+std::string stringValue(std::string_view text, std::string_view key) {
+  const size_t pos = scalarValuePos(text, key);
+  if (pos == kNotFound || text[pos] != '"') return {};
+  const size_t close = text.find('"', pos + 1);
+  return close == std::string_view::npos ? std::string() : std::string(text.substr(pos + 1, close - pos - 1));
+}
+
 }  // namespace le::manifest_key

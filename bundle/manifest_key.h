@@ -27,4 +27,9 @@ std::vector<KeyHit> keyHits(std::string_view text, std::string_view key);
 // refused as AMBIGUOUS.
 size_t scalarValuePos(std::string_view text, std::string_view key);
 
+// The text of the one scalar value of `key` when it is a string (up to the
+// next double quote, no unescaping); empty when the key is absent or its
+// value is not a string. Ambiguity is refused as above.
+std::string stringValue(std::string_view text, std::string_view key);
+
 }  // namespace le::manifest_key

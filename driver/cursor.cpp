@@ -173,15 +173,6 @@ uint8_t* DriverCursor::Impl::take(int* id, bool mut) {
 
 namespace {
 
-// The manifest's string value of `key`, or empty when the key is absent or
-// its value is not a string.
-std::string stringValue(const std::string& text, const char* key) {
-  const size_t pos = manifest_key::scalarValuePos(text, key);
-  if (pos == manifest_key::kNotFound || text[pos] != '"') return {};
-  const size_t close = text.find('"', pos + 1);
-  return close == std::string::npos ? std::string() : text.substr(pos + 1, close - pos - 1);
-}
-
 std::string manifestText(const Manifest& manifest) {
   const std::string path = manifest.bundle_dir + "/manifest.json";
   return canOpen(path) ? readFile(path) : std::string();
@@ -212,9 +203,9 @@ struct DriverChoice {
 DriverChoice chooseDriver(const Manifest& manifest) {
   DriverChoice c;
   const std::string text = manifestText(manifest);
-  c.dir_name = stringValue(text, "target_frames");
+  c.dir_name = manifest_key::stringValue(text, "target_frames");
   if (c.dir_name.empty()) c.dir_name = "target_frames";
-  c.mp4_name = stringValue(text, "target_frames_mp4");
+  c.mp4_name = manifest_key::stringValue(text, "target_frames_mp4");
   if (c.mp4_name.empty()) c.mp4_name = "target_frames.mp4";
   c.published = !manifest.driver_mp4.empty();
   if (c.published) c.mp4_name = manifest.driver_mp4;
@@ -291,7 +282,7 @@ std::unique_ptr<DriverCursor> DriverCursor::open(const Manifest& manifest, int l
 }
 
 std::unique_ptr<DriverCursor> DriverCursor::openPrior(const Manifest& manifest, int look, int history) {
-  std::string name = stringValue(manifestText(manifest), "P_hevc");
+  std::string name = manifest_key::stringValue(manifestText(manifest), "P_hevc");
   if (name.empty()) name = "P_hevc.mov";
   const std::string path = resolveMember(manifest.bundle_dir, name);
   if (!pathExists(path))

@@ -18,18 +18,11 @@
 
 namespace {
 
+using le::test::errorOf;
+
 using le::Identity;
 using le::test::dataPath;
 using le::test::readFile;
-
-std::string errorOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(no exception)";
-}
 
 std::string idCase(const std::string& name) { return dataPath("frames/identity/" + name); }
 

@@ -16,6 +16,8 @@
 
 namespace {
 
+using le::test::errorOf;
+
 using le::DriverCursor;
 using le::test::FakeSource;
 using le::test::FakeState;
@@ -45,15 +47,6 @@ struct Rig {
     ASSERT_TRUE(frameIs(f, cursor->frame_bytes, si)) << "content of frame " << si << " is " << frameId(f);
   }
 };
-
-std::string errorOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(no exception)";
-}
 
 TEST(DriverCursor, FaceCopiesTheSourceAndClampsLookAndHistory) {
   Rig r(5, 0, -5);

@@ -11,16 +11,9 @@
 
 namespace {
 
-using le::test::dataPath;
+using le::test::errorOf;
 
-std::string errorOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(no exception)";
-}
+using le::test::dataPath;
 
 TEST(ImageIo, LoadsAGeneratedDriverFrame) {
   int w = 0, h = 0;

@@ -20,18 +20,11 @@
 
 namespace {
 
+using le::test::errorOf;
+
 using le::DriverCursor;
 using le::test::dataPath;
 using le::test::ScopedEnv;
-
-std::string errorOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(no exception)";
-}
 
 std::string driverCase(const std::string& name) { return dataPath("frames/driver/" + name); }
 

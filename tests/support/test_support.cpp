@@ -76,6 +76,15 @@ std::vector<std::string> listFiles(const std::string& dir) {
   return out;
 }
 
+std::string errorOf(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "(no exception)";
+}
+
 ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
   if (const char* old = std::getenv(name)) {
     had_ = true;

@@ -2,6 +2,7 @@
 // private scratch directories.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@ bool isDir(const std::string& path);
 
 // Sorted relative paths of the regular files under a directory.
 std::vector<std::string> listFiles(const std::string& dir);
+
+// The text of the exception fn throws, or "(no exception)".
+std::string errorOf(const std::function<void()>& fn);
 
 // Runs fn while capturing what it writes to standard error.
 template <class Fn>
