@@ -8,5 +8,6 @@ scripts/setup.sh "$@"
 build=build
 [ "${1:-}" = "--sanitize" ] && build=build-asan
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$PWD/tests/lsan.supp}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 ctest --test-dir "$build" -j"$(nproc)" --output-on-failure --timeout 300
