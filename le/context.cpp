@@ -49,6 +49,7 @@ LE_API le_ctx* le_create(const char* bundle_dir, const char* model_key, int thre
     ctx->drive = le::loadDrive(m);
     ctx->paste = std::make_unique<le::Paste>(readMask(m), m.crop, le::Unsharp{m.amount, m.sigma, m.ksize});
     ctx->cursor = le::DriverCursor::open(m, 2, 11);
+    ctx->frame_rgb.resize(static_cast<size_t>(m.W) * static_cast<size_t>(m.H) * 3);
     return ctx.release();
   });
 }

@@ -78,6 +78,34 @@ LE_API const uint8_t* le_target_frame(le_ctx* ctx, int si);
 LE_API int le_paste_crop(le_ctx* ctx, int si, const float* crop, uint8_t* out, size_t out_bytes);
 
 /*
+ * Renders one face crop through the context's director graph (loaded on the
+ * first call): source frame si (0 to le_nt - 1), source keypoints ks and
+ * driven keypoints kd, le_host_kp_rows() x 3 floats each. Returns three float
+ * planes R, G, B of le_crop x le_crop values on a 0 to 1 scale, valid until
+ * the next render on this context; NULL on failure.
+ */
+LE_API const float* le_render_kp_crop(le_ctx* ctx, int si, const float* ks, const float* kd);
+
+/* The same for row `frame` (0 to le_drive_frames - 1) of the idle loop. */
+LE_API const float* le_render_drive_crop(le_ctx* ctx, int frame);
+
+/*
+ * Pastes the last rendered crop into driver frame si and returns the
+ * finished W x H x 3 RGB frame, valid until the next paste or le_destroy.
+ * NULL on failure, or when nothing has been rendered yet.
+ */
+LE_API const uint8_t* le_paste_last(le_ctx* ctx, int si);
+
+/*
+ * Render and paste in one call, the frame written as RGBA (alpha 255) into
+ * out, at least W*H*4 bytes: idle loop row `frame`, or keypoints ks, kd on
+ * source frame si. Returns 1, or 0 on failure. The buffer is checked after
+ * the render, so a short one still leaves the crop for le_paste_last.
+ */
+LE_API int le_render_drive_rgba(le_ctx* ctx, int frame, uint8_t* out, size_t out_bytes);
+LE_API int le_render_kp_rgba(le_ctx* ctx, int si, const float* ks, const float* kd, uint8_t* out, size_t out_bytes);
+
+/*
  * Resolves a bundle path without opening a context: unpacks a container if
  * needed and writes the directory to use into out (cap bytes, terminator
  * included). Returns 1, or -1 on failure (out[0] set to 0 when out is

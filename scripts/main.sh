@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets everything up and runs the main job: generate the sample avatar bundle,
-# pack it into a container, and open both forms through the engine.
+# pack it into a container, open it through the engine, and render frames of
+# its idle loop through the C interface into PNG files.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -9,3 +10,4 @@ out=out
 build/tools/le-bundle version
 build/tools/le-bundle pack "$out/data/sample" "$out/sample.imx"
 build/tools/le-bundle info "$out/sample.imx"
+build/tools/le-bundle render --model b1_fp32 "$out/sample.imx" 12 "$out/frames"

@@ -4,6 +4,9 @@
 //                                           manifest and where each member resolves
 //   le-bundle pack <dir> <file.imx>         write a version 2 container
 //   le-bundle unpack <file.imx> [<root>]    unwrap a container (beside it, or under root)
+//   le-bundle render [--model KEY] <bundle> <N> <outdir>
+//                                           render and paste N frames of the idle
+//                                           loop and write them as PNG files
 //   le-bundle version                       engine and ONNX Runtime versions
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +22,7 @@
 #include "bundle/imx_writer.h"
 #include "bundle/members.h"
 #include "director/ort_version.h"
+#include "driver/image_io.h"
 #include "le/context.h"
 #include "le/le.h"
 
@@ -29,6 +33,7 @@ int usage() {
                "usage: le-bundle info [--model KEY] <bundle>\n"
                "       le-bundle pack <dir> <file.imx>\n"
                "       le-bundle unpack <file.imx> [<root>]\n"
+               "       le-bundle render [--model KEY] <bundle> <N> <outdir>\n"
                "       le-bundle version\n");
   return 2;
 }
@@ -117,6 +122,42 @@ int unpack(const std::string& file, const char* root) {
   return 0;
 }
 
+// Finished frames of the idle loop, through the C interface as a host gets
+// them: row i % frames of the loop, rendered, pasted and written as
+// <outdir>/frame_<i>.png.
+int render(const std::string& path, const std::string& modelKey, const std::string& count, const std::string& outdir) {
+  char* end = nullptr;
+  const long n = std::strtol(count.c_str(), &end, 10);
+  if (count.empty() || *end != '\0' || n < 1 || n > 100000) {
+    std::fprintf(stderr, "le-bundle: frame count '%s' is not a number from 1 to 100000\n", count.c_str());
+    return 2;
+  }
+  le_ctx* ctx = le_create(path.c_str(), modelKey.c_str(), 0, nullptr);
+  if (!ctx) {
+    std::fprintf(stderr, "%s\n", le_last_error());
+    return 1;
+  }
+  std::filesystem::create_directories(outdir);
+  const int frames = le_drive_frames(ctx);
+  for (long i = 0; i < n; ++i) {
+    const int row = static_cast<int>(i % frames);
+    const uint8_t* rgb = le_render_drive_crop(ctx, row) ? le_paste_last(ctx, ctx->drive.si[static_cast<size_t>(row)])
+                                                        : nullptr;
+    if (!rgb) {
+      std::fprintf(stderr, "%s\n", le_last_error());
+      le_destroy(ctx);
+      return 1;
+    }
+    char name[32];
+    std::snprintf(name, sizeof name, "/frame_%06ld.png", i);
+    le::writePNG(outdir + name, rgb, le_width(ctx), le_height(ctx));
+  }
+  std::printf("rendered %ld frames of the idle loop (%dx%d, crop %d, ep %s) into %s\n", n, le_width(ctx),
+              le_height(ctx), le_crop(ctx), ctx->renderer->ep().c_str(), outdir.c_str());
+  le_destroy(ctx);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -129,6 +170,8 @@ int main(int argc, char** argv) {
     if (a.size() == 2 && a[0] == "info") return info(a[1], "render");
     if (a.size() == 4 && a[0] == "info" && a[1] == "--model") return info(a[3], a[2]);
     if (a.size() == 3 && a[0] == "pack") return pack(a[1], a[2]);
+    if (a.size() == 4 && a[0] == "render") return render(a[1], "render", a[2], a[3]);
+    if (a.size() == 6 && a[0] == "render" && a[1] == "--model") return render(a[3], a[2], a[4], a[5]);
     if ((a.size() == 2 || a.size() == 3) && a[0] == "unpack") return unpack(a[1], a.size() == 3 ? argv[3] : nullptr);
     return usage();
   } catch (const std::exception& e) {

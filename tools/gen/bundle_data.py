@@ -138,10 +138,12 @@ def sample_bundle():
         "drive/xd.f32": f32([rng.unit() * 2 - 1 for _ in range(frames * 63)]),
         "drive/si.i32": i32([i % nt for i in range(frames)]),
         "xs_target.bin": f32([rng.unit() * 2 - 1 for _ in range(nt * 63)]),
-        "model_b1_fp32.onnx": b"graph placeholder: a real graph arrives with the renderer",
     }
-    # The pooled features and the JPEG driver.
+    # The pooled features, the JPEG driver, and the director with its lip
+    # template (model_b1_fp32.onnx).
     from frames_data import driver_frames, pooled_features
+    from render_graphs import sample_members
     members["pooled64.f16"] = pooled_features(nt)
+    members.update(sample_members(crop))
     members.update(driver_frames(nt, w, h))
     return Bundle(manifest, members)

@@ -25,6 +25,8 @@ import imx
 import lip_data
 import frames_data
 import graphs
+import ops_graphs
+import render_graphs
 
 
 def write_manifest_cases(root):
@@ -127,6 +129,8 @@ def main():
     lip_data.write_cases(os.path.join(out, "lip"))
     frames_data.write_frames_cases(out, sample)
     graphs.write_cases(os.path.join(out, "graphs"))
+    ops_graphs.write_cases(os.path.join(out, "ops"))
+    render_graphs.write_cases(os.path.join(out, "render"), sample)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,59 @@
+// The one door to pixels: a source frame index and two keypoint rows in, a
+// face crop out. The director graph's bytes are read into memory, edited on
+// the wire in a fixed order (compose v2 splice, GridSample to the engine's
+// own kernel, student blend to Gemm, head cubic Resize to plain operators),
+// and the ONNX Runtime session is built from the edited bytes. Everything in
+// a bundle that this renderer can't serve exactly is refused here, at load.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "bundle/identity.h"
+#include "bundle/manifest.h"
+
+namespace le {
+
+// Rows of a keypoint set the host feeds (le_host_kp_rows).
+inline constexpr int kHostKpRows = 21;
+
+class Renderer {
+ public:
+  // name selects the member "model_" + name + ".onnx"; threads <= 0 means
+  // le::pool::threads(); ep is "" (the default, "coreml:cpu"), "neon", or
+  // "coreml[:cpu|gpu|ane|all]"; this build has neither backend, and each
+  // falls back, with a line on stderr, to ONNX Runtime's CPU provider.
+  // manifest and identity are read, not owned: both must outlive the renderer.
+  Renderer(const Manifest& manifest, Identity& identity, const std::string& name, int threads,
+           const std::string& ep);
+  ~Renderer();
+  Renderer(const Renderer&) = delete;
+  Renderer& operator=(const Renderer&) = delete;
+
+  // n rows (1 <= n <= batch()): si[b], and 63 floats per row in kpSource
+  // and kpDriving. Returns batch() crops of three float planes R, G, B of
+  // crop x crop each, row b at b * 3 * crop * crop; rows from n on repeat
+  // row n - 1. Valid until the next render on this object. One thread at a
+  // time.
+  const float* render(const int* si, const float* kpSource, const float* kpDriving, int n);
+
+  int batch() const;
+  int crop() const;
+  // The execution provider in use: "cpu" here.
+  const std::string& ep() const;
+  // Why the native CoreML director was not used, or "".
+  const std::string& directorNote() const;
+  // "ort": the only backend of this build.
+  std::string backend() const;
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+// dir + "/.coreml_cache/ort" + ONNX Runtime's version text ("unknown" if it
+// reports none): two runtimes never share a compiled-model cache.
+std::string coremlCacheDir(const std::string& dir);
+
+}  // namespace le

@@ -1,0 +1,61 @@
+// The state behind Renderer, shared by the constructor (renderer.cpp) and the
+// session builder (renderer_session.cpp). Private to the director.
+#pragma once
+
+#include <onnxruntime_cxx_api.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bundle/identity.h"
+#include "bundle/manifest.h"
+#include "director/renderer.h"
+#include "tessera/lip_contour.h"
+
+namespace le {
+
+struct Renderer::Impl {
+  std::string ep;  // the execution provider finally in use
+
+  Ort::Env env{nullptr};
+  Ort::SessionOptions options{nullptr};
+  Ort::Session session{nullptr};
+  Ort::IoBinding binding{nullptr};
+  Ort::RunOptions runOptions;
+
+  bool profiling = false;  // LE_ORT_PROFILE was honoured
+  double runMs = 0.0;      // summed over Session::Run
+  int64_t runFrames = 0;
+
+  const Manifest* manifest = nullptr;
+  Identity* identity = nullptr;  // not owned
+  std::string name;              // the graph key
+  int threads = 1;
+
+  int batch = 0;
+  int crop = 0;
+  int64_t pooledElems = 65536;
+  int64_t rgbElems = 0;
+  int64_t fsElems = 262144;
+  bool featSynth = false;
+
+  // The graph's inputs and output live here; the tensors alias them, bound
+  // once at construction, so a frame only refills them.
+  std::vector<float> pooledBuf, priorBuf, fsBuf, kpDrivingBuf, kpSourceBuf, rgbBuf;
+  std::vector<Ort::Value> tensors;
+
+  std::optional<tessera::LipContour> lipContour;
+  std::vector<float> lipBuf;
+  bool composeV2 = false;
+
+  std::string note;  // why the native CoreML director was not used
+
+  // Builds the session over the edited graph for this ep ("" is the CPU
+  // provider, "coreml..." the CoreML provider); can run twice.
+  void createSession(const std::string& workingEp);
+};
+
+}  // namespace le
