@@ -83,7 +83,13 @@ Renderer::Renderer(const Manifest& manifest, Identity& identity, const std::stri
     ep.clear();
   }
   im.runOptions.AddConfigEntry("memory.enable_memory_arena_shrinkage", "cpu:0");
+  // Where CoreML exists the default is its provider on the CPU unit; this
+  // runtime has no CoreML provider, so the default here is ONNX Runtime's
+  // CPU provider and nothing about CoreML is tried or logged. A host that
+  // names a coreml ep still gets the fallback below, and is told so.
+#if defined(__APPLE__)
   if (ep.empty()) ep = "coreml:cpu";
+#endif
   if (ep.rfind("coreml", 0) == 0) {
     // The native CoreML director exists only on Apple platforms.
     if (envText("LE_NATIVE_COREML")[0] == '0') {
