@@ -3,6 +3,7 @@
 # with find_package(kestrova) and with pkg-config.
 set -euo pipefail
 build=$1 src=$2 sample=$4
+mkdir -p "$3"
 tmp=$(mktemp -d "$3/install.XXXXXX")
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null

@@ -3,6 +3,7 @@
 # pack, unpack, and a round trip that keeps every byte.
 set -euo pipefail
 tool=$1 data=$2
+mkdir -p "$3"
 tmp=$(mktemp -d "$3/lebundle.XXXXXX")
 trap 'rm -rf "$tmp"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
