@@ -13,39 +13,23 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "compute/threads.h"
 #include "paste/paste.h"
+#include "tests/driver/malloc_counter.h"
 
 #if LE_BENCH_HAVE_OPENCV
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #endif
-
-namespace {
-
-std::atomic<long> g_allocs{0};
-
-}  // namespace
-
-// Every heap allocation of the process passes here.
-void* operator new(std::size_t n) {
-  g_allocs.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(n ? n : 1)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -61,18 +45,27 @@ Stats stats(std::vector<double> ms) {
   return {ms[ms.size() / 2], ms[i99]};
 }
 
+// Heap allocations of the process so far, where the counter is built in.
+long allocations() {
+#if LE_BENCH_COUNT_ALLOCS
+  return static_cast<long>(le::test::allocationCount());
+#else
+  return -1;
+#endif
+}
+
 template <class Fn>
 std::vector<double> timeFrames(Fn&& fn, long* allocsAfterWarmup) {
   for (int i = 0; i < kWarm; ++i) fn();
-  const long before = g_allocs.load();
   std::vector<double> ms;
   ms.reserve(kFrames);
+  const long before = allocations();
   for (int i = 0; i < kFrames; ++i) {
     const auto t0 = std::chrono::steady_clock::now();
     fn();
     ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
   }
-  *allocsAfterWarmup = g_allocs.load() - before - 1;  // the reserve above
+  *allocsAfterWarmup = LE_BENCH_COUNT_ALLOCS ? allocations() - before : -1;
   return ms;
 }
 

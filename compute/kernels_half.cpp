@@ -5,6 +5,8 @@
 #define HWY_TARGET_INCLUDE "compute/kernels_half.cpp"
 #include "hwy/foreach_target.h"  // IWYU pragma: keep
 
+#include <array>
+
 #include "compute/f16_ops-inl.h"
 #include "hwy/highway.h"
 
@@ -12,63 +14,54 @@ HWY_BEFORE_NAMESPACE();
 namespace le::simd::HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// Each kernel runs whole vectors, then runs the remainder through the same
-// vector code on a zero-padded copy, so that a tail element meets exactly
+namespace {
+
+template <size_t kN, class T>
+HWY_INLINE std::array<T, kN> PaddedCopy(const T* src, size_t i, size_t rest) {
+  std::array<T, kN> p{};
+  for (size_t j = 0; j < rest; ++j) p[j] = src[i + j];
+  return p;
+}
+
+// Runs block(out, in...) on whole vectors of kN elements, then once more on
+// a zero-padded copy of the remainder, so that a tail element meets exactly
 // the operations of a main-loop element.
+template <size_t kN, class Out, class Block, class... In>
+HWY_INLINE void ByBlocks(size_t n, Out* HWY_RESTRICT dst, Block block, const In*... src) {
+  size_t i = 0;
+  for (; i + kN <= n; i += kN) block(dst + i, (src + i)...);
+  if (i < n) {
+    const size_t rest = n - i;
+    Out out[kN];
+    [&](const auto&... padded) { block(out, padded.data()...); }(PaddedCopy<kN>(src, i, rest)...);
+    for (size_t j = 0; j < rest; ++j) dst[i + j] = out[j];
+  }
+}
+
+}  // namespace
 
 void F32ToF16(const float* HWY_RESTRICT src, uint16_t* HWY_RESTRICT dst, size_t n) {
   const hn::ScalableTag<float> df;
   const hn::Rebind<uint16_t, decltype(df)> du16;
-  constexpr size_t kN = hn::MaxLanes(df);
-  size_t i = 0;
-  for (; i + kN <= n; i += kN) hn::StoreU(F16Bits(df, hn::LoadU(df, src + i)), du16, dst + i);
-  if (i < n) {
-    const size_t rest = n - i;
-    float in[kN] = {};
-    uint16_t out[kN];
-    for (size_t j = 0; j < rest; ++j) in[j] = src[i + j];
-    hn::StoreU(F16Bits(df, hn::LoadU(df, in)), du16, out);
-    for (size_t j = 0; j < rest; ++j) dst[i + j] = out[j];
-  }
+  ByBlocks<hn::MaxLanes(df)>(
+      n, dst, [&](uint16_t* o, const float* s) { hn::StoreU(F16Bits(df, hn::LoadU(df, s)), du16, o); }, src);
 }
 
 void F16ToF32(const uint16_t* HWY_RESTRICT src, float* HWY_RESTRICT dst, size_t n) {
   const hn::ScalableTag<float> df;
   const hn::Rebind<uint16_t, decltype(df)> du16;
-  constexpr size_t kN = hn::MaxLanes(df);
-  size_t i = 0;
-  for (; i + kN <= n; i += kN) hn::StoreU(WideBits(df, hn::LoadU(du16, src + i)), df, dst + i);
-  if (i < n) {
-    const size_t rest = n - i;
-    uint16_t in[kN] = {};
-    float out[kN];
-    for (size_t j = 0; j < rest; ++j) in[j] = src[i + j];
-    hn::StoreU(WideBits(df, hn::LoadU(du16, in)), df, out);
-    for (size_t j = 0; j < rest; ++j) dst[i + j] = out[j];
-  }
+  ByBlocks<hn::MaxLanes(df)>(
+      n, dst, [&](float* o, const uint16_t* s) { hn::StoreU(WideBits(df, hn::LoadU(du16, s)), df, o); }, src);
 }
 
-void RoundF16Mul(const float* a, const float* b, float* out,
-                 size_t n) {
+void RoundF16Mul(const float* a, const float* b, float* out, size_t n) {
   const hn::ScalableTag<float> df;
-  constexpr size_t kN = hn::MaxLanes(df);
-  size_t i = 0;
-  for (; i + kN <= n; i += kN) {
-    const auto r = hn::Mul(RoundToHalf(df, hn::LoadU(df, a + i)), hn::LoadU(df, b + i));
-    hn::StoreU(r, df, out + i);
-  }
-  if (i < n) {
-    const size_t rest = n - i;
-    float ta[kN] = {};
-    float tb[kN] = {};
-    float to[kN];
-    for (size_t j = 0; j < rest; ++j) {
-      ta[j] = a[i + j];
-      tb[j] = b[i + j];
-    }
-    hn::StoreU(hn::Mul(RoundToHalf(df, hn::LoadU(df, ta)), hn::LoadU(df, tb)), df, to);
-    for (size_t j = 0; j < rest; ++j) out[i + j] = to[j];
-  }
+  ByBlocks<hn::MaxLanes(df)>(
+      n, out,
+      [&](float* o, const float* x, const float* y) {
+        hn::StoreU(hn::Mul(RoundToHalf(df, hn::LoadU(df, x)), hn::LoadU(df, y)), df, o);
+      },
+      a, b);
 }
 
 namespace {

@@ -55,61 +55,49 @@ HWY_INLINE void PadPlanes(const uint16_t* a, const uint16_t* b, size_t plane, si
   }
 }
 
+// acc over ascending i in [i0, i1) of term(m, w + i), m the lanes'
+// MeanAbsDiff. The remainder runs through the same vector code on
+// zero-padded copies, so a tail element meets exactly the operations of a
+// main-loop element; AddLanes takes only its real lanes.
+template <class DF, class W, class Term>
+HWY_INLINE float SumTerms(DF df, const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_RESTRICT b,
+                          const W* HWY_RESTRICT w, size_t n, size_t i0, size_t i1, Term term) {
+  constexpr size_t kN = hn::MaxLanes(DF());
+  float acc = 0.0f;
+  size_t i = i0;
+  for (; i < i1 && i1 - i >= kN; i += kN) acc = AddLanes(df, term(MeanAbsDiff(df, a + i, b + i, n), w + i), kN, acc);
+  if (i < i1) {
+    const size_t rest = i1 - i;
+    uint16_t ta[3 * kN] = {};
+    uint16_t tb[3 * kN] = {};
+    W tw[kN] = {};
+    PadPlanes<kN>(a, b, n, i, rest, ta, tb);
+    for (size_t j = 0; j < rest; ++j) tw[j] = w[i + j];
+    acc = AddLanes(df, term(MeanAbsDiff(df, ta, tb, kN), tw), rest, acc);
+  }
+  return acc;
+}
+
 }  // namespace
 
 float RetrieveTermPooled(const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_RESTRICT b,
                          const uint16_t* HWY_RESTRICT w, size_t n) {
   const hn::ScalableTag<float> df;
   const hn::Rebind<uint16_t, decltype(df)> du16;
-  constexpr size_t kN = hn::MaxLanes(df);
-  const auto term = [&](hn::Vec<decltype(df)> m, hn::Vec<decltype(du16)> wh) {
-    return RoundToHalf(df, hn::Mul(m, WideBits(df, wh)));
-  };
-  float acc = 0.0f;
-  size_t i = 0;
-  for (; i + kN <= n; i += kN) {
-    const auto m = MeanAbsDiff(df, a + i, b + i, n);
-    acc = AddLanes(df, term(m, hn::LoadU(du16, w + i)), kN, acc);
-  }
-  if (i < n) {
-    const size_t rest = n - i;
-    uint16_t ta[3 * kN] = {};
-    uint16_t tb[3 * kN] = {};
-    uint16_t tw[kN] = {};
-    PadPlanes<kN>(a, b, n, i, rest, ta, tb);
-    for (size_t j = 0; j < rest; ++j) tw[j] = w[i + j];
-    const auto m = MeanAbsDiff(df, ta, tb, kN);
-    acc = AddLanes(df, term(m, hn::LoadU(du16, tw)), rest, acc);
-  }
-  return acc;
+  return SumTerms(df, a, b, w, n, 0, n, [&](hn::Vec<decltype(df)> m, const uint16_t* wh) {
+    return RoundToHalf(df, hn::Mul(m, WideBits(df, hn::LoadU(du16, wh))));
+  });
 }
 
 float RetrieveTermExactRange(const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_RESTRICT b,
                              const float* HWY_RESTRICT w, size_t n, size_t i0, size_t i1) {
   const hn::ScalableTag<float> df;
-  constexpr size_t kN = hn::MaxLanes(df);
   // A zero weight gives a term of exactly 0 whatever m holds, so that an
   // infinite or NaN difference outside the weighted region adds nothing.
-  const auto term = [&](hn::Vec<decltype(df)> m, hn::Vec<decltype(df)> wf) {
+  return SumTerms(df, a, b, w, n, i0, i1, [&](hn::Vec<decltype(df)> m, const float* wp) {
+    const auto wf = hn::LoadU(df, wp);
     return hn::IfThenZeroElse(hn::Eq(wf, hn::Zero(df)), hn::Mul(wf, m));
-  };
-  float acc = 0.0f;
-  size_t i = i0;
-  for (; i < i1 && i1 - i >= kN; i += kN) {
-    const auto m = MeanAbsDiff(df, a + i, b + i, n);
-    acc = AddLanes(df, term(m, hn::LoadU(df, w + i)), kN, acc);
-  }
-  if (i < i1) {
-    const size_t rest = i1 - i;
-    uint16_t ta[3 * kN] = {};
-    uint16_t tb[3 * kN] = {};
-    float tw[kN] = {};
-    PadPlanes<kN>(a, b, n, i, rest, ta, tb);
-    for (size_t j = 0; j < rest; ++j) tw[j] = w[i + j];
-    const auto m = MeanAbsDiff(df, ta, tb, kN);
-    acc = AddLanes(df, term(m, hn::LoadU(df, tw)), rest, acc);
-  }
-  return acc;
+  });
 }
 
 float RetrieveTermExact(const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_RESTRICT b,
