@@ -29,9 +29,7 @@
 #include "driver/image_io.h"
 #include "driver/jpeg_source.h"
 
-#if LE_BENCH_COUNT_ALLOCS
-#include "tests/driver/malloc_counter.h"
-#endif
+#include "bench/alloc_count.h"
 
 #define STB_IMAGE_WRITE_STATIC
 #define STB_IMAGE_WRITE_IMPLEMENTATION
@@ -41,13 +39,7 @@ namespace {
 
 constexpr int kW = 1280, kH = 720;
 
-uint64_t allocations() {
-#if LE_BENCH_COUNT_ALLOCS
-  return le::test::allocationCount();
-#else
-  return 0;
-#endif
-}
+using le::bench::allocations;
 
 std::string framePath(const std::string& dir, int i) {
   char name[32];

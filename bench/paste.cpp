@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "compute/threads.h"
+#include "bench/alloc_count.h"
 #include "paste/paste.h"
-#include "tests/driver/malloc_counter.h"
 
 #if LE_BENCH_HAVE_OPENCV
 #include <opencv2/core.hpp>
@@ -45,27 +45,18 @@ Stats stats(std::vector<double> ms) {
   return {ms[ms.size() / 2], ms[i99]};
 }
 
-// Heap allocations of the process so far, where the counter is built in.
-long allocations() {
-#if LE_BENCH_COUNT_ALLOCS
-  return static_cast<long>(le::test::allocationCount());
-#else
-  return -1;
-#endif
-}
-
 template <class Fn>
 std::vector<double> timeFrames(Fn&& fn, long* allocsAfterWarmup) {
   for (int i = 0; i < kWarm; ++i) fn();
   std::vector<double> ms;
   ms.reserve(kFrames);
-  const long before = allocations();
+  const long before = static_cast<long>(le::bench::allocations());
   for (int i = 0; i < kFrames; ++i) {
     const auto t0 = std::chrono::steady_clock::now();
     fn();
     ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
   }
-  *allocsAfterWarmup = LE_BENCH_COUNT_ALLOCS ? allocations() - before : -1;
+  *allocsAfterWarmup = LE_BENCH_COUNT_ALLOCS ? static_cast<long>(le::bench::allocations()) - before : -1;
   return ms;
 }
 

@@ -26,19 +26,11 @@
 #include "compute/threads.h"
 #include "director/renderer.h"
 #include "tessera/lip_contour.h"
-#if LE_BENCH_COUNT_ALLOCS
-#include "tests/driver/malloc_counter.h"
-#endif
+#include "bench/alloc_count.h"
 
 namespace {
 
-uint64_t allocations() {
-#if LE_BENCH_COUNT_ALLOCS
-  return le::test::allocationCount();
-#else
-  return 0;
-#endif
-}
+using le::bench::allocations;
 
 struct Timing {
   double fps = 0.0, medianMs = 0.0, allocsPerFrame = 0.0;
