@@ -11,6 +11,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "bundle/file_util.h"
+#include "bundle/imx.h"
 #include "bundle/members.h"
 #include "director/renderer.h"
 #include "le/context.h"
@@ -20,11 +22,6 @@ using namespace le::session;
 namespace {
 
 const char* envOrNull(const char* name) { return std::getenv(name); }
-
-bool canOpen(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return static_cast<bool>(f);
-}
 
 // xs_target.bin as raw floats; any failure, or a length other than NT x 63,
 // leaves it empty, which only means that the session has no ramps.
@@ -68,7 +65,9 @@ le_utt::le_utt(le_ctx* c, const le_utt_opts& o) : ctx(c) {
   ramp_interrupt_frames = o.ramp_interrupt_frames <= 0 ? 4 : o.ramp_interrupt_frames;
   silence_ms = o.silence_s == 0.0 ? 600.0 : o.silence_s < 0.0 ? -1.0 : o.silence_s * 1000.0;
 
-  is_a2x = canOpen(le::resolveMember(motion_dir, "a2x_enc_stream.onnx"));
+  // The motion directory may be a container, as the bundle itself may be.
+  const std::string dir = le::resolveBundlePath(motion_dir);
+  is_a2x = le::canOpen(le::resolveMember(dir, "a2x_enc_stream.onnx"));
   fam = is_a2x ? &a2xFamily() : &motionFamily();
   pipeline_paste = is_a2x;
   if (const char* v = envOrNull("LE_UTT_PIPELINE_PASTE")) pipeline_paste = std::atoi(v) != 0;
@@ -89,7 +88,7 @@ le_utt::le_utt(le_ctx* c, const le_utt_opts& o) : ctx(c) {
     hybrid = true;
   }
   eager_sent = hybrid ? 3 : eager;
-  xs_target = readXsTarget(motion_dir, nt);
+  xs_target = readXsTarget(dir, nt);
 
   row_si.resize(kRowCap);
   row_xs.resize(static_cast<size_t>(kRowCap) * kKp);
