@@ -282,12 +282,9 @@ def pos_rows(n, pos):
     return pos[np.where(u < p, u, p // 2 + (u - p) % max(p - p // 2, 1))]
 
 
-def clip_deltas(pcm, window=0, left=3, layers=2):
-    """(frames, 63) deltas of a whole clip, as the batch road computes them:
-    8 s windows 100 frames apart, the encoder over all frames, the decoder
-    frame by frame from the zero state."""
-    x = np.asarray(pcm, dtype=np.float32) / 32768.0
-    frames = (len(x) + FRAME - 1) // FRAME
+def features_8s(x, frames):
+    """Feature frames of a whole clip from 8 s windows 100 frames apart, the
+    first window to reach a frame writing it (the batch road)."""
     feats = np.zeros((frames, FEAT), dtype=np.float32)
     done = np.zeros(frames, dtype=bool)
     for b in range(0, frames, 100):
@@ -300,6 +297,39 @@ def clip_deltas(pcm, window=0, left=3, layers=2):
             if f < frames and not done[f]:
                 feats[f] = half(out[:, i, :].reshape(FEAT))
                 done[f] = True
+    return feats
+
+
+def features_short(x, frames, right=12):
+    """Feature frames of a whole clip from the short-window pair, a block of
+    8 frames per trunk window that ends `right` frames past the block."""
+    feats = np.zeros((frames + 8, FEAT), dtype=np.float32)
+    for block in range(0, frames, 8):
+        end = (block + 8 + right) * FRAME
+        ws = end - TRUNK_N
+        win = np.zeros(TRUNK_N, dtype=np.float32)
+        seg = x[max(ws, 0):min(end, len(x))]
+        win[max(ws, 0) - ws:max(ws, 0) - ws + len(seg)] = seg
+        t = trunk_forward(standardise(win)).astype(np.float64)
+        rows = np.zeros((8, CHANNELS), dtype=np.float32)
+        for i in range(8):
+            f = block + i
+            base = 0 if f < 200 else (f // 100) * 100 - 100
+            p = (f - base) * 8.030150753768844 + (base * FRAME - ws) / 80.0
+            idx = int(np.floor(p))
+            frac = p - idx
+            rows[i] = half((1 - frac) * t[:, idx] + frac * t[:, min(LT - 1, idx + 1)])
+        feats[block:block + 8] = half(head_forward(rows))
+    return feats[:frames]
+
+
+def clip_deltas(pcm, short=False, window=0, left=3, layers=2):
+    """(frames, 63) deltas of a whole clip: features from either frontend,
+    the encoder over all frames, the decoder frame by frame from the zero
+    state."""
+    x = np.asarray(pcm, dtype=np.float32) / 32768.0
+    frames = (len(x) + FRAME - 1) // FRAME
+    feats = features_short(x, frames) if short else features_8s(x, frames)
     w = weights()
     band = encoder_forward(feats, pos_rows(frames, w.pos), attn_mask(frames, window, left), layers)
     prev, h = np.zeros(KP), np.zeros(H)
@@ -588,29 +618,27 @@ def _mouth(d):
 
 
 def check():
-    """Loud voiced frames must open the mouth clearly more than quiet ones,
-    and quiet ones more than silence; silence must stay near 0."""
+    """On both frontends: loud voiced frames must open the mouth clearly
+    more than quiet ones, quiet ones more than the pauses, and a clip of
+    silence must leave it within 0.003 of rest."""
     pcm, env = speech_clip.synthesize(10.0, seed=10)
-    d = clip_deltas(pcm)
-    frames = len(d)
-    level = np.zeros(frames)
-    for f in range(frames):
-        level[f] = env[f * FRAME:(f + 1) * FRAME].mean() if f * FRAME < len(env) else 0.0
-    mouth = _mouth(d)
-    loud = mouth[level > 0.6 * speech_clip.LOUD]
-    quiet = mouth[(level > 0.6 * speech_clip.QUIET) & (level < 1.2 * speech_clip.QUIET)]
-    # Silence: frames well inside a pause (the decoder needs a frame or two).
-    gap = np.convolve((level > 0).astype(float), np.ones(5), "same") == 0
-    pause = mouth[gap]
-    silent = _mouth(clip_deltas(speech_clip.silence(2.0)))
-    for lag in range(0, 4):
-        c = np.corrcoef(level[:frames - lag], mouth[lag:])[0, 1]
-        print("correlation of frame loudness and mouth |delta| at lag %d: %.3f" % (lag, c))
-    print("mean |delta| on mouth rows 16-20: loud speech %.4f (%d frames), quiet speech %.4f (%d), "
-          "pauses %.4f (%d), silence clip %.4f (%d)"
-          % (loud.mean(), len(loud), quiet.mean(), len(quiet), pause.mean(), len(pause), silent.mean(),
-             len(silent)))
-    ok = loud.mean() > 2 * quiet.mean() > 0 and quiet.mean() > 3 * pause.mean() and silent.max() < 0.003
+    frames = (len(pcm) + FRAME - 1) // FRAME
+    level = np.array([env[f * FRAME:(f + 1) * FRAME].mean() for f in range(frames)])
+    loud = level > 0.6 * speech_clip.LOUD
+    quiet = (level > 0.6 * speech_clip.QUIET) & (level < 1.2 * speech_clip.QUIET)
+    # Frames well inside a pause: the mouth takes a few frames to close.
+    pause = np.convolve((level > 0).astype(float), np.ones(5), "same") == 0
+    ok = True
+    for short in (False, True):
+        mouth = _mouth(clip_deltas(pcm, short=short))
+        silent = _mouth(clip_deltas(speech_clip.silence(2.0), short=short))
+        corr = [np.corrcoef(level[:frames - lag], mouth[lag:])[0, 1] for lag in range(4)]
+        a, b, c = mouth[loud].mean(), mouth[quiet].mean(), mouth[pause].mean()
+        print("%s frontend: mean |delta| on mouth rows 16-20: loud speech %.4f (%d frames), quiet speech "
+              "%.4f (%d), pauses %.4f (%d), silence clip %.4f (max %.4f); correlation with frame loudness "
+              "at lag 0..3: %s" % ("short-window" if short else "8 s", a, loud.sum(), b, quiet.sum(), c,
+                                   pause.sum(), silent.mean(), silent.max(), " ".join("%.2f" % v for v in corr)))
+        ok = ok and a > 2 * b > 0 and b > 3 * c and silent.max() < 0.003 and max(corr) == corr[0]
     print("check: " + ("ok" if ok else "FAILED"))
     return 0 if ok else 1
 
