@@ -62,6 +62,7 @@ TEST(MemberLookup, CanonicalBundleResolvesEveryMember) {
   EXPECT_EQ(le::resolveMember(d, "drive/xs.f32"), d + "/idle_loop/source_keypoints.f32");
   EXPECT_EQ(le::resolveMember(d, "drive/si.i32"), d + "/idle_loop/source_index.i32");
   EXPECT_EQ(le::resolveMember(d, "P.f16"), d + "/source_frames.f16");
+  EXPECT_EQ(le::resolveMember(d, "a2x_dec.onnx"), d + "/audio_motion_decoder.onnx");
   EXPECT_EQ(le::loadManifest(d, 0).modelPath("b1_fp32"), d + "/render_model.batch1.fp32.onnx");
 }
 
@@ -77,8 +78,8 @@ TEST(MemberLookup, CApiReportsExistenceAndBufferSize) {
   EXPECT_EQ(buf[0], '\0');
   char small[512];
   EXPECT_EQ(le_bundle_resolve_member(d.c_str(), "xs_target.bin", small, sizeof small), 1);
-  EXPECT_EQ(le_bundle_resolve_member(d.c_str(), "a2x_dec.onnx", small, sizeof small), 0);
-  EXPECT_EQ(std::string(small), d + "/a2x_dec.onnx");
+  EXPECT_EQ(le_bundle_resolve_member(d.c_str(), "fs_red.f16", small, sizeof small), 0);
+  EXPECT_EQ(std::string(small), d + "/fs_red.f16");
   EXPECT_EQ(le_bundle_resolve_member(nullptr, "a", small, sizeof small), -1);
   EXPECT_EQ(le_bundle_resolve_member(d.c_str(), nullptr, small, sizeof small), -1);
   EXPECT_EQ(le_bundle_resolve_member(d.c_str(), "a", nullptr, 10), -1);

@@ -24,7 +24,7 @@ set -e
 [ "$err" = "le_create: manifest: missing key agent" ] || fail "refusal text: $err"
 
 # pack -> unpack -> identical files; info through the container.
-"$tool" pack "$data/sample" "$tmp/s.imx" | grep -q '^packed 15 members' || fail "pack"
+"$tool" pack "$data/sample" "$tmp/s.imx" | grep -q '^packed 20 members' || fail "pack"
 dir=$("$tool" unpack "$tmp/s.imx" "$tmp/root" 2>/dev/null)
 [ "$dir" = "$tmp/root/s.lebundle" ] || fail "unpack dir $dir"
 diff -r "$data/sample" "$dir" || fail "round trip differs"

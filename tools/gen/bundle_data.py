@@ -139,11 +139,13 @@ def sample_bundle():
         "drive/si.i32": i32([i % nt for i in range(frames)]),
         "xs_target.bin": f32([rng.unit() * 2 - 1 for _ in range(nt * 63)]),
     }
-    # The pooled features, the JPEG driver, and the director with its lip
-    # template (model_b1_fp32.onnx).
+    # The pooled features, the JPEG driver, the director with its lip
+    # template (model_b1_fp32.onnx), and the streaming speech model.
     from frames_data import driver_frames, pooled_features
     from render_graphs import sample_members
+    import audio_graphs
     members["pooled64.f16"] = pooled_features(nt)
     members.update(sample_members(crop))
+    members.update(audio_graphs.sample_members())
     members.update(driver_frames(nt, w, h))
     return Bundle(manifest, members)

@@ -10,6 +10,8 @@ Layout of OUT_DIR:
   manifests/<case>/    one bundle per manifest variant (manifest.json + P.f16)
   priors/<case>/       bundles that differ only in their warp prior members
   containers/*.imx     IMX containers: valid ones and one broken variant each
+  audio/               speech encoders, clips and streaming-model bundles
+                       (audio_graphs.py)
 
 Later data (tensors, driver frames, graphs, audio, teeth) joins as new
 builders beside these; each writes only under its own folder.
@@ -24,6 +26,7 @@ from bundle_data import Bundle, sample_bundle, manifest_text
 import imx
 import lip_data
 import frames_data
+import audio_graphs
 import graphs
 import ops_graphs
 import render_graphs
@@ -131,6 +134,7 @@ def main():
     graphs.write_cases(os.path.join(out, "graphs"))
     ops_graphs.write_cases(os.path.join(out, "ops"))
     render_graphs.write_cases(os.path.join(out, "render"), sample)
+    audio_graphs.write_cases(os.path.join(out, "audio"), sample)
 
 
 if __name__ == "__main__":
