@@ -19,9 +19,11 @@ occupy the other 24 channels only) and runs `layers` rounds of single-head
 masked attention, softmax(QK^T/4 + attn) V, whose values carry the content
 channels only: silence stays exactly 0 and loud frames spread to their
 neighbours within the mask, so window and left change the rows. The decoder
-is a tanh recurrent cell over ctx_t, prev and h with no biases: silence keeps
-it at 0, voiced speech drives state channel 0 towards 1 with about one frame
-of smoothing.
+is a tanh recurrent cell over ctx_t, prev and h: voiced speech drives state
+channel 0 towards 1 with about one frame of smoothing; its bias sits only on
+state channels that barely move a keypoint, so silence settles at a resting
+state that is not 0 (a primed state differs from the zero state in its bits)
+while its deltas stay within 0.002 of 0.
 
 Keypoint rows. Of the 21 rows (x, y, z each; y grows downwards on the
 canvas) the mouth is rows 16 to 20: 16 chin, 17 upper lip, 18 lower lip,
@@ -29,8 +31,7 @@ canvas) the mouth is rows 16 to 20: 16 chin, 17 upper lip, 18 lower lip,
 and lower lip move down (+y), the upper lip a little up (-y), the corners a
 little down and inwards (x). The opening grows with the loudness of the
 frame (state channel 0); rows 0 to 15 move slightly with the other state
-channels. The mean of the norm table is within 0.002 of 0, so silence gives
-deltas within 0.002 of 0.
+channels. The mean of the norm table is within 0.002 of 0.
 
 Usage:
   audio_graphs.py check     runs the numpy forward math over generated
@@ -161,6 +162,7 @@ class Weights:
 
         # Decoder: h' = tanh(ctx B + h A + prev C), m = h' D.
         a = 0.25 * np.eye(H) + rng.normal(0.0, 0.02, (H, H))
+        a[4:, :4] *= 0.25  # the resting state barely reaches the moving channels
         b = np.zeros((H, H))
         b[:CONTENT, :CONTENT] = rng.normal(0.0, 0.04, (CONTENT, CONTENT))
         b[CONTENT:, :CONTENT] = rng.normal(0.0, 0.02, (H - CONTENT, CONTENT))
@@ -180,6 +182,11 @@ class Weights:
             std[3 * row] = MOUTH_STD_X
             std[3 * row + 1] = MOUTH_STD_Y
         self.mean, self.std = _f32(mean), _f32(std)
+        # The cell rests away from 0 in the channels that move nothing, so
+        # that a primed state differs from the zero state.
+        bias = np.zeros(H)
+        bias[4:] = rng.uniform(-0.4, 0.4, H - 4)
+        self.dec_bias = _f32(bias)
 
 
 _W = None
@@ -257,7 +264,7 @@ def encoder_forward(feat, pos_window, attn, layers, width=False):
 
 def decoder_forward(ctx, prev, h):
     w = weights()
-    hn = np.tanh(ctx @ w.dec_b + h @ w.dec_a + prev @ w.dec_c)
+    hn = np.tanh(ctx @ w.dec_b + h @ w.dec_a + prev @ w.dec_c + w.dec_bias)
     return hn @ w.dec_d, hn
 
 
@@ -513,7 +520,7 @@ def decoder_graph():
     w = weights()
     n = helper.make_node
     inits = [_init("dec_a", w.dec_a), _init("dec_b", w.dec_b), _init("dec_c", w.dec_c), _init("dec_d", w.dec_d),
-             _i64("h2", [1, H]), _i64("h3", [1, 1, H])]
+             _init("dec_bias", w.dec_bias), _i64("h2", [1, H]), _i64("h3", [1, 1, H])]
     nodes = [
         n("Reshape", ["h", "h2"], ["hv"], name="/cell/Reshape"),
         n("MatMul", ["ctx_t", "dec_b"], ["pc"], name="/cell/Ctx"),
@@ -521,7 +528,8 @@ def decoder_graph():
         n("MatMul", ["prev", "dec_c"], ["pp"], name="/cell/Prev"),
         n("Add", ["pc", "ph"], ["s1"], name="/cell/Add"),
         n("Add", ["s1", "pp"], ["s2"], name="/cell/Add_1"),
-        n("Tanh", ["s2"], ["hn"], name="/cell/Tanh"),
+        n("Add", ["s2", "dec_bias"], ["s3"], name="/cell/Bias"),
+        n("Tanh", ["s3"], ["hn"], name="/cell/Tanh"),
         n("MatMul", ["hn", "dec_d"], ["m"], name="/out/MatMul"),
         n("Reshape", ["hn", "h3"], ["h_out"], name="/out/Reshape"),
     ]
