@@ -55,6 +55,7 @@ Layout under OUT/audio (written by gen_bundles.py through write_cases):
                                                  change to its audio members
 """
 import json
+import math
 import os
 import sys
 
@@ -111,10 +112,21 @@ class Weights:
         k[3, 0, :] = 1.0 / 1280           # its context
         self.kernel = _f32(k)
         self.diff = _f32([[[-1.0, 1.0]]])
-        e = rng.normal(0.0, 0.5, (CHANNELS, BASE))
+        # The trunk's 640x4 map has orthogonal +-c columns (Walsh patterns),
+        # so the head's inverse is exact and needs no linear algebra library,
+        # whose last bits may differ between machines.
+        walsh = np.array([[1.0 if bin(i & (j * 37 + 1)).count("1") % 2 == 0 else -1.0 for j in range(BASE)]
+                          for i in range(128)])
+        assert np.array_equal(walsh.T @ walsh, 128 * np.eye(BASE))
+        column = np.array([0.5, 0.4, 0.3, 0.25])
+        e = np.tile(walsh, (CHANNELS // 128, 1)) * column
         self.expand = _f32(e)                                   # 640 x 4
+        inv = e / (column * column * CHANNELS)                  # pinv(e).T
         mix = np.concatenate([np.eye(BASE), rng.normal(0.0, 0.4, (BASE, MIX - BASE))], axis=1)
-        self.head = _f32(np.linalg.pinv(e).T @ mix)             # 640 x 16
+        head = np.zeros((CHANNELS, MIX))
+        for j in range(BASE):
+            head = head + inv[:, j:j + 1] * mix[j:j + 1, :]
+        self.head = _f32(head)                                  # 640 x 16
         self.layer_gain = _f32((0.5 + np.arange(LAYERS) / (LAYERS - 1.0)).reshape(LAYERS, 1))
         # Positions the 8 s window's 200 frames take among its 1599 positions.
         p = np.arange(W8_FRAMES) * (1598.0 / 199.0)
@@ -136,11 +148,11 @@ class Weights:
             win[:BASE, c] = w
             bias[c] = -w.sum() * (floor + 2.5)
         self.win, self.bin = _f32(win), _f32(bias)
-        u = np.arange(P_ROWS)[:, None]
-        rate = 0.8 ** np.arange((H - CONTENT) // 2)[None, :]
         pos = np.zeros((P_ROWS, H))
-        pos[:, CONTENT::2] = np.sin(u * rate)
-        pos[:, CONTENT + 1::2] = np.cos(u * rate)
+        for u in range(P_ROWS):
+            for j in range((H - CONTENT) // 2):
+                pos[u, CONTENT + 2 * j] = math.sin(u * math.pow(0.8, j))
+                pos[u, CONTENT + 2 * j + 1] = math.cos(u * math.pow(0.8, j))
         self.pos = _f32(pos)
         self.layers = []
         for _ in range(8):  # enough for any layer count the cases use
@@ -166,8 +178,7 @@ class Weights:
         b = np.zeros((H, H))
         b[:CONTENT, :CONTENT] = rng.normal(0.0, 0.04, (CONTENT, CONTENT))
         b[CONTENT:, :CONTENT] = rng.normal(0.0, 0.02, (H - CONTENT, CONTENT))
-        for c, g in enumerate([0.3, 0.3, 0.3, 0.3]):
-            b[c, c] = g
+        b[range(4), range(4)] = 0.3  # the four measures drive states 0..3
         c_ = rng.normal(0.0, 0.02, (KP, H))
         d = np.zeros((H, KP))
         for row, (dx, dy) in OPENING.items():
@@ -554,7 +565,7 @@ def sample_members():
     w = weights()
     return {
         "a2x_meta.json": meta_text(),
-        "a2x_pos.f32": w.pos.tobytes(),
+        "a2x_pos.f32": w.pos.astype("<f4").tobytes(),
         "a2x_norm.f32": np.concatenate([w.mean, w.std]).astype("<f4").tobytes(),
         "a2x_enc_stream.onnx": encoder_graph(2),
         "a2x_dec.onnx": decoder_graph(),
@@ -584,6 +595,7 @@ def write_encoders(root):
 def write_bundle_cases(root, sample):
     base = sample.members
     meta = meta_text
+    # xs_target.bin variants are read by le_a2x alone; the manifest keeps NT 4.
     xs_rows = lambda rows: f32([(r * 7 + i) % 11 / 10.0 - 0.5 for r in range(rows) for i in range(KP)])
     wide = encoder_graph(2, width=True)
     cases = {
