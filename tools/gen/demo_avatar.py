@@ -59,11 +59,11 @@ MOUTH = (16, 17, 18, 19, 20)
 # Reach of each keypoint's move, in crop pixels: the mouth's are local.
 SIGMA_PX = [26.0] * 16 + [30.0, 11.0, 13.0, 12.0, 12.0]
 # Darkening of the mouth's interior per unit of opening (normalised units).
-DARK_GAIN = 7.0
-DARK_MAX = 0.78
+DARK_GAIN = 5.0
+DARK_MAX = 0.62
 DARK_RGB = [0.55, 0.85, 0.85]  # the interior keeps a little red
 # The speech model's mouth motion, scaled for this face.
-MOUTH_GAIN = 1.6
+MOUTH_GAIN = 1.35
 
 
 def load_photo(path):
