@@ -18,3 +18,5 @@ build/tools/le-bundle info "$out/sample.imx"
 export W2V_ONNX="$PWD/$out/data/audio/w2v/w2v.onnx"
 rm -rf "$out/live"
 build/tools/le-live --interrupt-at 1.6 "$out/sample.imx" "$out/data/audio/clips/speech_10s.wav" "$out/live"
+# The demo: a real face that speaks a sentence, as a movie with sound.
+tools/demo/make_demo.sh "$out"

@@ -7,6 +7,9 @@
 //            [--realtime] [--interrupt-at SECONDS] [--frames DIR]
 //            [--model KEY] [--voice VOICE]
 //
+// --frames DIR also writes every video frame as DIR/frame_NNNNNN.png and the
+// sound track as DIR/audio.wav, 640 samples per frame, in step.
+//
 // It runs the session as a real host does: 20 ms blocks of audio pushed, one
 // frame pulled every 40 ms, the audio played in step with the frames shown
 // (from the first speech frame on) and that position reported to the
@@ -33,6 +36,7 @@
 #include "le/le_utt.h"
 #include "tools/speak/audio_input.h"
 #include "tools/speak/mp4_writer.h"
+#include "tools/speak/wav_file.h"
 
 namespace {
 
@@ -104,6 +108,7 @@ class Writer {
           char name[64];
           std::snprintf(name, sizeof name, "/frame_%06zu.png", n);
           le::writePNG(frames_dir_ + name, it.rgb.data(), w_, h_);
+          timeline_.insert(timeline_.end(), it.pcm.begin(), it.pcm.end());
         }
         ++n;
       } catch (const std::exception& e) {
@@ -116,6 +121,7 @@ class Writer {
     if (!failed_) {
       try {
         mp4_.finish();
+        if (!frames_dir_.empty()) le::speak::writeWav16k(frames_dir_ + "/audio.wav", timeline_);
       } catch (const std::exception& e) {
         error_ = e.what();
       }
@@ -131,6 +137,7 @@ class Writer {
   bool done_ = false;
   bool failed_ = false;
   std::string error_;
+  std::vector<int16_t> timeline_;  // with --frames: the sound of every frame, in order
   std::thread thread_;
 };
 
