@@ -31,6 +31,10 @@
 #include <thread>
 #include <vector>
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
 #include "driver/image_io.h"
 #include "le/le.h"
 #include "le/le_utt.h"
@@ -169,6 +173,7 @@ class Progress {
 }  // namespace
 
 int main(int argc, char** argv) {
+  av_log_set_level(AV_LOG_QUIET);  // failures come back as one sentence of this tool
   std::string bundle = std::getenv("LE_SPEAK_BUNDLE") ? std::getenv("LE_SPEAK_BUNDLE") : "out/demo/astronaut";
   std::string wav, text, out, frames_dir, model = "b1_fp32", voice = "en-us";
   bool realtime = false, have_text = false;

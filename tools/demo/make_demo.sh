@@ -11,13 +11,11 @@ sentence=${2:-"Hello! I am an astronaut. This engine turns my voice into a face 
 tools/demo/fetch_photo.sh "$out/photo/astronaut.png"
 /usr/bin/python3 tools/gen/demo_avatar.py "$out/photo/astronaut.png" "$out/demo/astronaut"
 export W2V_ONNX="$PWD/$out/data/audio/w2v/w2v.onnx"
-rm -rf "$out/demo/frames"
-build/tools/le-speak --bundle "$out/demo/astronaut" --text "$sentence" -o "$out/demo.mp4" --frames "$out/demo/frames"
-/usr/bin/python3 tools/demo/lip_sync.py "$out/demo/frames"
+build/tools/le-speak --bundle "$out/demo/astronaut" --text "$sentence" -o "$out/demo.mp4"
+/usr/bin/python3 tools/demo/lip_sync.py "$out/demo.mp4"
 # Every fourth frame of the sentence, the face at the centre.
-frames=$(ls "$out/demo/frames" | grep -c '^frame_')
 ffmpeg -v error -y -i "$out/demo.mp4" \
   -vf "select=not(mod(n\,4))*gte(n\,20),crop=360:360:156:40,scale=180:-1,tile=8x4" \
   -frames:v 1 "$out/demo_contact.png"
-echo "demo: $out/demo.mp4 ($frames frames)"
+echo "demo: $out/demo.mp4"
 echo "demo: $out/demo_contact.png"
