@@ -10,10 +10,12 @@
 #include <vector>
 
 #include "audio/a2x_meta.h"
+#include "audio/a2x_ort.h"
 #include "audio/a2x_schedule.h"
 #include "audio/half_round.h"
 #include "audio/standardise.h"
 #include "le/le_a2x.h"
+#include "tests/support/test_support.h"
 
 namespace le::test {
 namespace {
@@ -175,6 +177,24 @@ TEST(A2xSchedule, TheRowWalk) {
   for (int f = 0; f < 5; ++f) EXPECT_EQ(rowOf(f, 3, -1, 0, 1), 0);
   EXPECT_EQ(rowOf(7, 3, 1, 1, 5), 0);  // (3 + 7) % 5
   EXPECT_EQ(rowOf(3000000000LL, 0, 1, 1, 7), static_cast<int>(3000000000LL % 7));
+}
+
+TEST(A2xOrt, LogLevelAndTheGeluRefusal) {
+  {
+    ScopedEnv quiet("KESTROVA_ENGINE_QUIET", "1"), debug("KESTROVA_DEBUG", nullptr);
+    EXPECT_EQ(a2xOrtLogLevel(), ORT_LOGGING_LEVEL_ERROR);
+    ScopedEnv debugOn("KESTROVA_DEBUG", "1");
+    EXPECT_EQ(a2xOrtLogLevel(), ORT_LOGGING_LEVEL_WARNING);
+  }
+  {
+    ScopedEnv quiet("KESTROVA_ENGINE_QUIET", "1 "), debug("KESTROVA_DEBUG", nullptr);  // not exactly "1"
+    EXPECT_EQ(a2xOrtLogLevel(), ORT_LOGGING_LEVEL_WARNING);
+  }
+  EXPECT_TRUE(le_a2x_is_fp16_fusion_refusal("Could not find an implementation for Gelu(1) of type tensor(float16)"));
+  EXPECT_FALSE(le_a2x_is_fp16_fusion_refusal("Could not find an implementation for Gelu(1)"));
+  EXPECT_FALSE(le_a2x_is_fp16_fusion_refusal("tensor(float16) not supported"));
+  EXPECT_FALSE(le_a2x_is_fp16_fusion_refusal(nullptr));
+  EXPECT_EQ(oneLine("first\nsecond\n"), "first second");
 }
 
 TEST(A2xC, NullHandles) {
