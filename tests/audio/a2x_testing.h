@@ -7,11 +7,9 @@
 #include <vector>
 
 #include "le/le_a2x.h"
+#include "tests/audio/wav.h"
 
 namespace le::test {
-
-// A 16 kHz mono 16-bit WAV file as floats in [-1, 1).
-std::vector<float> readWav(const std::string& path);
 
 // A generated clip under <data>/audio/clips.
 std::vector<float> clip(const std::string& name);
