@@ -13,6 +13,13 @@ if(LE_SANITIZE)
     -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=address,undefined)
 endif()
+if(LE_TSAN)
+  # ThreadSanitizer for the threaded parts (sessions, speech, driver, pool).
+  # ONNX Runtime itself is not instrumented: tests/tsan.supp keeps its own
+  # internals out of the reports, and the runs use one intra-op thread.
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=thread)
+endif()
 string(FIND "${CMAKE_CXX_FLAGS} ${CMAKE_C_FLAGS}" "fast-math" _le_fm)
 if(NOT _le_fm EQUAL -1)
   message(FATAL_ERROR "-ffast-math is not allowed: the engine's numerics are defined bit for bit")

@@ -4,6 +4,7 @@
 #
 #   scripts/setup.sh              release build in build/
 #   scripts/setup.sh --sanitize   AddressSanitizer + UBSan build in build-asan/
+#   scripts/setup.sh --tsan       ThreadSanitizer build of the threaded code in build-tsan/
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,6 +13,9 @@ cmake_args=(-DCMAKE_BUILD_TYPE=Release)
 if [ "${1:-}" = "--sanitize" ]; then
   build=build-asan
   cmake_args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_SANITIZE=ON -DLE_BUILD_BENCH=OFF)
+elif [ "${1:-}" = "--tsan" ]; then
+  build=build-tsan
+  cmake_args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_TSAN=ON -DLE_BUILD_BENCH=OFF)
 fi
 
 # Debian packages: tools by command, libraries by package.

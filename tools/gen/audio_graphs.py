@@ -19,9 +19,11 @@ occupy the other 24 channels only) and runs `layers` rounds of single-head
 masked attention, softmax(QK^T/4 + attn) V, whose values carry the content
 channels only: silence stays exactly 0 and loud frames spread to their
 neighbours within the mask, so window and left change the rows. The decoder
-is a tanh recurrent cell over ctx_t, prev and h with no biases: silence keeps
-it at 0, voiced speech drives state channel 0 towards 1 with about one frame
-of smoothing.
+is a tanh recurrent cell over ctx_t, prev and h: voiced speech drives state
+channel 0 towards 1 with about one frame of smoothing; its bias sits only on
+state channels that barely move a keypoint, so silence settles at a resting
+state that is not 0 (a primed state differs from the zero state in its bits)
+while its deltas stay within 0.002 of 0.
 
 Keypoint rows. Of the 21 rows (x, y, z each; y grows downwards on the
 canvas) the mouth is rows 16 to 20: 16 chin, 17 upper lip, 18 lower lip,
@@ -29,8 +31,7 @@ canvas) the mouth is rows 16 to 20: 16 chin, 17 upper lip, 18 lower lip,
 and lower lip move down (+y), the upper lip a little up (-y), the corners a
 little down and inwards (x). The opening grows with the loudness of the
 frame (state channel 0); rows 0 to 15 move slightly with the other state
-channels. The mean of the norm table is within 0.002 of 0, so silence gives
-deltas within 0.002 of 0.
+channels. The mean of the norm table is within 0.002 of 0.
 
 Usage:
   audio_graphs.py check     runs the numpy forward math over generated
@@ -54,6 +55,7 @@ Layout under OUT/audio (written by gen_bundles.py through write_cases):
                                                  change to its audio members
 """
 import json
+import math
 import os
 import sys
 
@@ -110,10 +112,21 @@ class Weights:
         k[3, 0, :] = 1.0 / 1280           # its context
         self.kernel = _f32(k)
         self.diff = _f32([[[-1.0, 1.0]]])
-        e = rng.normal(0.0, 0.5, (CHANNELS, BASE))
+        # The trunk's 640x4 map has orthogonal +-c columns (Walsh patterns),
+        # so the head's inverse is exact and needs no linear algebra library,
+        # whose last bits may differ between machines.
+        walsh = np.array([[1.0 if bin(i & (j * 37 + 1)).count("1") % 2 == 0 else -1.0 for j in range(BASE)]
+                          for i in range(128)])
+        assert np.array_equal(walsh.T @ walsh, 128 * np.eye(BASE))
+        column = np.array([0.5, 0.4, 0.3, 0.25])
+        e = np.tile(walsh, (CHANNELS // 128, 1)) * column
         self.expand = _f32(e)                                   # 640 x 4
+        inv = e / (column * column * CHANNELS)                  # pinv(e).T
         mix = np.concatenate([np.eye(BASE), rng.normal(0.0, 0.4, (BASE, MIX - BASE))], axis=1)
-        self.head = _f32(np.linalg.pinv(e).T @ mix)             # 640 x 16
+        head = np.zeros((CHANNELS, MIX))
+        for j in range(BASE):
+            head = head + inv[:, j:j + 1] * mix[j:j + 1, :]
+        self.head = _f32(head)                                  # 640 x 16
         self.layer_gain = _f32((0.5 + np.arange(LAYERS) / (LAYERS - 1.0)).reshape(LAYERS, 1))
         # Positions the 8 s window's 200 frames take among its 1599 positions.
         p = np.arange(W8_FRAMES) * (1598.0 / 199.0)
@@ -135,11 +148,11 @@ class Weights:
             win[:BASE, c] = w
             bias[c] = -w.sum() * (floor + 2.5)
         self.win, self.bin = _f32(win), _f32(bias)
-        u = np.arange(P_ROWS)[:, None]
-        rate = 0.8 ** np.arange((H - CONTENT) // 2)[None, :]
         pos = np.zeros((P_ROWS, H))
-        pos[:, CONTENT::2] = np.sin(u * rate)
-        pos[:, CONTENT + 1::2] = np.cos(u * rate)
+        for u in range(P_ROWS):
+            for j in range((H - CONTENT) // 2):
+                pos[u, CONTENT + 2 * j] = math.sin(u * math.pow(0.8, j))
+                pos[u, CONTENT + 2 * j + 1] = math.cos(u * math.pow(0.8, j))
         self.pos = _f32(pos)
         self.layers = []
         for _ in range(8):  # enough for any layer count the cases use
@@ -161,11 +174,11 @@ class Weights:
 
         # Decoder: h' = tanh(ctx B + h A + prev C), m = h' D.
         a = 0.25 * np.eye(H) + rng.normal(0.0, 0.02, (H, H))
+        a[4:, :4] *= 0.25  # the resting state barely reaches the moving channels
         b = np.zeros((H, H))
         b[:CONTENT, :CONTENT] = rng.normal(0.0, 0.04, (CONTENT, CONTENT))
         b[CONTENT:, :CONTENT] = rng.normal(0.0, 0.02, (H - CONTENT, CONTENT))
-        for c, g in enumerate([0.3, 0.3, 0.3, 0.3]):
-            b[c, c] = g
+        b[range(4), range(4)] = 0.3  # the four measures drive states 0..3
         c_ = rng.normal(0.0, 0.02, (KP, H))
         d = np.zeros((H, KP))
         for row, (dx, dy) in OPENING.items():
@@ -180,6 +193,11 @@ class Weights:
             std[3 * row] = MOUTH_STD_X
             std[3 * row + 1] = MOUTH_STD_Y
         self.mean, self.std = _f32(mean), _f32(std)
+        # The cell rests away from 0 in the channels that move nothing, so
+        # that a primed state differs from the zero state.
+        bias = np.zeros(H)
+        bias[4:] = rng.uniform(-0.4, 0.4, H - 4)
+        self.dec_bias = _f32(bias)
 
 
 _W = None
@@ -257,7 +275,7 @@ def encoder_forward(feat, pos_window, attn, layers, width=False):
 
 def decoder_forward(ctx, prev, h):
     w = weights()
-    hn = np.tanh(ctx @ w.dec_b + h @ w.dec_a + prev @ w.dec_c)
+    hn = np.tanh(ctx @ w.dec_b + h @ w.dec_a + prev @ w.dec_c + w.dec_bias)
     return hn @ w.dec_d, hn
 
 
@@ -513,7 +531,7 @@ def decoder_graph():
     w = weights()
     n = helper.make_node
     inits = [_init("dec_a", w.dec_a), _init("dec_b", w.dec_b), _init("dec_c", w.dec_c), _init("dec_d", w.dec_d),
-             _i64("h2", [1, H]), _i64("h3", [1, 1, H])]
+             _init("dec_bias", w.dec_bias), _i64("h2", [1, H]), _i64("h3", [1, 1, H])]
     nodes = [
         n("Reshape", ["h", "h2"], ["hv"], name="/cell/Reshape"),
         n("MatMul", ["ctx_t", "dec_b"], ["pc"], name="/cell/Ctx"),
@@ -521,7 +539,8 @@ def decoder_graph():
         n("MatMul", ["prev", "dec_c"], ["pp"], name="/cell/Prev"),
         n("Add", ["pc", "ph"], ["s1"], name="/cell/Add"),
         n("Add", ["s1", "pp"], ["s2"], name="/cell/Add_1"),
-        n("Tanh", ["s2"], ["hn"], name="/cell/Tanh"),
+        n("Add", ["s2", "dec_bias"], ["s3"], name="/cell/Bias"),
+        n("Tanh", ["s3"], ["hn"], name="/cell/Tanh"),
         n("MatMul", ["hn", "dec_d"], ["m"], name="/out/MatMul"),
         n("Reshape", ["hn", "h3"], ["h_out"], name="/out/Reshape"),
     ]
@@ -546,7 +565,7 @@ def sample_members():
     w = weights()
     return {
         "a2x_meta.json": meta_text(),
-        "a2x_pos.f32": w.pos.tobytes(),
+        "a2x_pos.f32": w.pos.astype("<f4").tobytes(),
         "a2x_norm.f32": np.concatenate([w.mean, w.std]).astype("<f4").tobytes(),
         "a2x_enc_stream.onnx": encoder_graph(2),
         "a2x_dec.onnx": decoder_graph(),
@@ -576,6 +595,7 @@ def write_encoders(root):
 def write_bundle_cases(root, sample):
     base = sample.members
     meta = meta_text
+    # xs_target.bin variants are read by le_a2x alone; the manifest keeps NT 4.
     xs_rows = lambda rows: f32([(r * 7 + i) % 11 / 10.0 - 0.5 for r in range(rows) for i in range(KP)])
     wide = encoder_graph(2, width=True)
     cases = {

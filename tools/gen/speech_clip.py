@@ -126,9 +126,12 @@ def write_clips(root):
 def main():
     if len(sys.argv) != 3:
         sys.exit("usage: speech_clip.py OUT.wav SECONDS")
-    seconds = float(sys.argv[2])
-    if not seconds > 0:
-        sys.exit("speech_clip.py: SECONDS must be positive")
+    try:
+        seconds = float(sys.argv[2])
+    except ValueError:
+        seconds = 0.0
+    if not 0 < seconds < 36000:
+        sys.exit("speech_clip.py: SECONDS must be a positive number of seconds, below 36000")
     write_wav(sys.argv[1], synthesize(seconds, seed=int(seconds * 1000) & 0x7FFFFFFF or 1)[0])
 
 

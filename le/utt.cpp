@@ -1,0 +1,113 @@
+// The C face of the live session. Every function clears the family's error
+// string, checks its arguments in one test, and runs its work inside the
+// boundary's catch, so nothing is ever thrown at the host.
+#include <memory>
+
+#include "director/renderer.h"
+#include "le/boundary.h"
+#include "le/context.h"
+#include "le/le_utt.h"
+#include "session/utterance.h"
+
+using le::boundary::Family;
+
+extern "C" {
+
+LE_API le_utt* le_utt_create(le_ctx* ctx, const le_utt_opts* opts) {
+  le::boundary::clear(Family::Utterance);
+  if (!ctx || !opts) {
+    le::boundary::storeFixed(Family::Utterance, "le_utt_create: NULL ctx/opts");
+    return nullptr;
+  }
+  return le::boundary::run(Family::Utterance, "le_utt_create", static_cast<le_utt*>(nullptr), [&] {
+    if (!ctx->renderer)
+      ctx->renderer = std::make_unique<le::Renderer>(ctx->manifest, *ctx->identity, ctx->model_key, ctx->threads,
+                                                     ctx->ep);
+    auto utt = std::make_unique<le_utt>(ctx, *opts);
+    const std::string& note = ctx->renderer->directorNote();
+    if (!note.empty()) utt->noteRenderFail("director load", note.c_str(), false);
+    return utt.release();
+  });
+}
+
+LE_API le_utt* le_utt_open(le_ctx* ctx, const char* motion_dir) {
+  le_utt_opts opts{};
+  opts.motion_dir = motion_dir;
+  return le_utt_create(ctx, &opts);
+}
+
+LE_API void le_utt_destroy(le_utt* utt) { delete utt; }
+
+LE_API const char* le_utt_last_error(void) { return le::boundary::errorOf(Family::Utterance).c_str(); }
+
+LE_API int le_utt_ready(le_utt* utt) {
+  le::boundary::clear(Family::Utterance);
+  if (!utt) return -1;
+  return le::boundary::run(Family::Utterance, "le_utt_ready", -1, [&] {
+    std::string why;
+    const int r = utt->ready(&why);
+    // A failed warm-up reaches the host here, on the thread that asks.
+    if (r < 0) le::boundary::storeFixed(Family::Utterance, why.c_str());
+    return r;
+  });
+}
+
+LE_API int le_utt_push_audio(le_utt* utt, const int16_t* pcm, int n) {
+  le::boundary::clear(Family::Utterance);
+  if (!utt || !pcm || n < 0) {
+    le::boundary::storeFixed(Family::Utterance, "le_utt_push_audio: bad args");
+    return 0;
+  }
+  return le::boundary::run(Family::Utterance, "le_utt_push_audio", 0, [&] {
+    utt->pushAudio(pcm, n);
+    return 1;
+  });
+}
+
+LE_API void le_utt_end_utterance(le_utt* utt) {
+  le::boundary::clear(Family::Utterance);
+  if (utt) utt->endUtterance();
+}
+
+LE_API void le_utt_interrupt(le_utt* utt) {
+  le::boundary::clear(Family::Utterance);
+  if (utt) utt->interrupt();
+}
+
+LE_API int le_utt_frames_available(le_utt* utt) { return utt ? utt->framesAvailable() : 0; }
+
+LE_API int le_utt_pull_frame(le_utt* utt, uint8_t* out, size_t cap, le_utt_frame_info* info) {
+  le::boundary::clear(Family::Utterance);
+  if (!utt || !out) {
+    le::boundary::storeFixed(Family::Utterance, "le_utt_pull_frame: bad args");
+    return 0;
+  }
+  return le::boundary::run(Family::Utterance, "le_utt_pull_frame", 0, [&] {
+    const int r = utt->pullFrame(out, cap, info);
+    if (r < 0) {
+      le::boundary::storeFixed(Family::Utterance, "le_utt_pull_frame: buffer too small");
+      return 0;
+    }
+    return r;
+  });
+}
+
+LE_API void le_utt_get_stats(le_utt* utt, le_utt_stats* stats) {
+  if (utt && stats) utt->getStats(stats);
+}
+
+LE_API int le_utt_render_status(le_utt* utt, char* out, int out_len, uint64_t* count) {
+  return utt ? utt->renderStatus(out, out_len, count) : 0;
+}
+
+LE_API int le_utt_set_playout_position(le_utt* utt, int64_t played_samples) {
+  if (!utt) return -1;
+  utt->setPlayoutPosition(played_samples);
+  return 0;
+}
+
+LE_API int le_utt_playout_stats(le_utt* utt, int64_t* skipped, int64_t* sample, double* latency_ms) {
+  return utt ? utt->playoutStats(skipped, sample, latency_ms) : -1;
+}
+
+}  // extern "C"
