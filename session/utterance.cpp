@@ -148,7 +148,10 @@ void le_utt::warm() {
   }
   fam->setEager(made, hybrid ? 3 : eager);
   std::unique_ptr<le::Renderer> chunk;
-  if (steady_model != "-") {
+  // A bundle without the chunk graph simply renders frame by frame; trying
+  // to load a member that isn't there would only print a refusal.
+  if (steady_model != "-" &&
+      le::canOpen(le::resolveMember(ctx->manifest.bundle_dir, "model_" + steady_model + ".onnx"))) {
     try {
       chunk = std::make_unique<le::Renderer>(ctx->manifest, *ctx->identity, steady_model, ctx->threads, ctx->ep);
     } catch (const std::exception&) {
