@@ -346,13 +346,23 @@ TEST(A2xStream, WidthRows) {
 }
 
 TEST(A2xStream, SilencePriming) {
+  const std::vector<float> pcm = clip("speech_3s.wav");
+  Pulled primedRows;
+  std::vector<float> primedClip(75 * 63);
   const std::string log = captureStderr([&] {
     Handle h(bundle("silence_prime"));
     ASSERT_NE(h.a, nullptr);
-    EXPECT_EQ(h.a->primedPrev.size(), 63u);
-    EXPECT_EQ(h.a->primedH.size(), 32u);
-    // A new utterance and a whole clip both start from the primed state.
+    ASSERT_EQ(h.a->primedPrev.size(), 63u);
+    ASSERT_EQ(h.a->primedH.size(), 32u);
+    // The decoder rests away from zero after silence.
+    EXPECT_NE(h.a->primedH, std::vector<float>(32, 0.0f));
     EXPECT_EQ(h.a->prev, h.a->primedPrev);
+    EXPECT_EQ(h.a->hState, h.a->primedH);
+    primedRows = stream(h.a, pcm, {640});
+    le_a2x_reset(h.a, 0, 1, 1);  // every utterance starts from the primed state
+    EXPECT_EQ(h.a->hState, h.a->primedH);
+    EXPECT_TRUE(stream(h.a, pcm, {640}) == primedRows);
+    EXPECT_EQ(le_a2x_deltas(h.a, pcm.data(), 48000, primedClip.data(), 75), 75);
   });
   EXPECT_NE(log.find("[le_a2x] silence-primed AR state cached (4 frames)\n"), std::string::npos) << log;
   {
@@ -360,10 +370,19 @@ TEST(A2xStream, SilencePriming) {
     const std::string capped = captureStderr([&] { Handle h(bundle("causal")); });
     EXPECT_NE(capped.find("[le_a2x] silence-primed AR state cached (200 frames)\n"), std::string::npos) << capped;
   }
+  // The variable overrides the meta key: no priming, the zero state, and
+  // other rows from the first frame on.
   ScopedEnv off("LE_A2X_SILENCE_PRIME", "0");
   Handle h(bundle("silence_prime"));
   ASSERT_NE(h.a, nullptr);
   EXPECT_TRUE(h.a->primedPrev.empty());
+  EXPECT_EQ(h.a->hState, std::vector<float>(32, 0.0f));
+  const Pulled zeroRows = stream(h.a, pcm, {640});
+  ASSERT_EQ(zeroRows.xd.size(), primedRows.xd.size());
+  EXPECT_NE(std::memcmp(zeroRows.xd.data(), primedRows.xd.data(), 63 * 4), 0);
+  std::vector<float> zeroClip(75 * 63);
+  EXPECT_EQ(le_a2x_deltas(h.a, pcm.data(), 48000, zeroClip.data(), 75), 75);
+  EXPECT_NE(std::memcmp(zeroClip.data(), primedClip.data(), 63 * 4), 0);
 }
 
 TEST(A2xStream, LookAheadOfTheShortWindow) {
