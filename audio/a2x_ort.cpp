@@ -76,6 +76,11 @@ std::string oneLine(const char* what) {
   return s;
 }
 
+const Ort::MemoryInfo& cpuMemory() {
+  static const Ort::MemoryInfo info = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  return info;
+}
+
 std::string outputName(const Ort::Session& session, size_t i) {
   Ort::AllocatorWithDefaultOptions allocator;
   return session.GetOutputNameAllocated(i, allocator).get();

@@ -37,6 +37,10 @@ Ort::Session le_a2x_open_session(Ort::Env& env, const char* path, Ort::SessionOp
 // trailing blanks go (ONNX Runtime ends some of its texts with a newline).
 std::string oneLine(const char* what);
 
+// The CPU memory description of every tensor the family hands ONNX Runtime;
+// made once.
+const Ort::MemoryInfo& cpuMemory();
+
 // Name of a session's output i.
 std::string outputName(const Ort::Session& session, size_t i);
 
