@@ -126,6 +126,10 @@ Ort::Session& w2v8(le_a2x* a);
 // state.
 void prime_silence(le_a2x* a, int frames);
 
+// Empties a buffer; one that grew past 16 MiB gives its memory back, so that
+// one long utterance or clip does not pin it for the life of the object.
+void clearBuffer(std::vector<float>& v);
+
 // Stream read behind what the trims kept: a full sentence naming the stage.
 [[noreturn]] void failBehind(const char* stage);
 

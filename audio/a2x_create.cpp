@@ -145,7 +145,7 @@ Ort::Session& w2v8(le_a2x* a) {
     try {
       a->w2v8Session = get_shared_w2v(a->w2vPath.c_str(), a->threads);
     } catch (const std::exception& e) {
-      std::fprintf(stderr, "[le_a2x] 8 s w2v encoder %s did not open: %s\n", a->w2vPath.c_str(), e.what());
+      std::fprintf(stderr, "[le_a2x] 8 s w2v encoder %s did not open: %s\n", a->w2vPath.c_str(), oneLine(e.what()).c_str());
     }
   }
   if (!a->w2v8Session)

@@ -9,17 +9,6 @@
 
 using namespace le::a2x;
 
-namespace {
-
-constexpr size_t kReleaseBytes = 0x1000000;  // 16 MiB
-
-void release(std::vector<float>& v) {
-  v.clear();
-  if (v.capacity() * sizeof(float) > kReleaseBytes) std::vector<float>().swap(v);
-}
-
-}  // namespace
-
 int le_a2x::deltasClip(const float* pcm, int n, float* out, int maxFrames) {
   if (n < 1) return 0;
   const int frames = static_cast<int>((static_cast<int64_t>(n) + kFrameSamples - 1) / kFrameSamples);
@@ -63,8 +52,8 @@ int le_a2x::deltasClip(const float* pcm, int n, float* out, int maxFrames) {
   }
   // Only a complete result reaches the caller.
   std::memcpy(out, clipDeltas.data(), clipDeltas.size() * sizeof(float));
-  release(clipFeats);
-  release(clipBand);
-  release(clipDeltas);
+  le::clearBuffer(clipFeats);
+  le::clearBuffer(clipBand);
+  le::clearBuffer(clipDeltas);
   return frames;
 }

@@ -3,6 +3,7 @@
 // frame by frame.
 #include <algorithm>
 #include <exception>
+#include <stdexcept>
 
 #include "audio/a2x.h"
 #include "le/boundary.h"
@@ -49,7 +50,8 @@ void le_a2x::encodeLive(int t) {
     if (start < P && end >= P) end = P;
     if (lo < featBase || start < bandBase) le::failBehind("encoder band");
     const int L = hi - lo;
-    if (feats.size() < static_cast<size_t>(hi - featBase) * kFeatFloats) le::failBehind("encoder band");
+    if (feats.size() < static_cast<size_t>(hi - featBase) * kFeatFloats)
+      throw std::runtime_error("a2x encoder band reaches past the feature frames held");
     std::vector<Ort::Value> out = runEncoder(feats.data() + static_cast<size_t>(lo - featBase) * kFeatFloats, lo, L);
     const float* rowsOut = out[0].GetTensorData<float>();
     const size_t k = static_cast<size_t>(start - lo);

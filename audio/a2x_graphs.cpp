@@ -13,8 +13,6 @@ using namespace le::a2x;
 
 namespace {
 
-Ort::MemoryInfo cpuMemory() { return Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault); }
-
 size_t elementCount(const Ort::Value& v) { return v.GetTensorTypeAndShapeInfo().GetElementCount(); }
 
 }  // namespace
@@ -36,7 +34,7 @@ std::vector<Ort::Value> le_a2x::runEncoder(const float* feat, int lo, int L) {
     const int row = u < P ? u : half + (u - P) % (P - half);
     std::copy_n(pos.data() + static_cast<size_t>(row) * h, h, posBuf.data() + static_cast<size_t>(r) * h);
   }
-  const Ort::MemoryInfo mem = cpuMemory();
+  const Ort::MemoryInfo& mem = le::cpuMemory();
   const std::array<int64_t, 4> featShape{1, L, kLayers, kChannels};
   const std::array<int64_t, 3> posShape{1, L, h};
   const std::array<int64_t, 4> attnShape{1, 1, L, L};
@@ -64,7 +62,7 @@ void le_a2x::bindDecoder() {
   decH.assign(hs, 0.0f);
   decM.assign(kKp, 0.0f);
   decHOut.assign(hs, 0.0f);
-  const Ort::MemoryInfo mem = cpuMemory();
+  const Ort::MemoryInfo& mem = le::cpuMemory();
   const std::array<int64_t, 2> ctxShape{1, h}, prevShape{1, kKp};
   const std::array<int64_t, 3> hShape{1, 1, h};
   decInputs.clear();

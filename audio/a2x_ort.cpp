@@ -46,7 +46,7 @@ void le_a2x_maybe_cuda(Ort::SessionOptions& options, const char* tag) {
     options.AppendExecutionProvider_CUDA_V2(*cuda);
     std::fprintf(diag_stream(), "[le_a2x] CUDA EP appended (%s, V2: no-max-workspace, mem<=%zuMiB)\n", tag, mem);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "[le_a2x] CUDA EP append failed (%s): %s -- falling back to CPU\n", tag, e.what());
+    std::fprintf(stderr, "[le_a2x] CUDA EP append failed (%s): %s -- falling back to CPU\n", tag, oneLine(e.what()).c_str());
   }
 }
 
@@ -66,6 +66,19 @@ Ort::Session le_a2x_open_session(Ort::Env& env, const char* path, Ort::SessionOp
                path);
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
   return Ort::Session(env, path, options);
+}
+
+std::string oneLine(const char* what) {
+  std::string s = what ? what : "";
+  for (char& c : s)
+    if (c == '\n' || c == '\r') c = ' ';
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.pop_back();
+  return s;
+}
+
+const Ort::MemoryInfo& cpuMemory() {
+  static const Ort::MemoryInfo info = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  return info;
 }
 
 std::string outputName(const Ort::Session& session, size_t i) {

@@ -33,6 +33,14 @@ bool le_a2x_is_fp16_fusion_refusal(const char* what);
 // to basic optimisation and opens it once more.
 Ort::Session le_a2x_open_session(Ort::Env& env, const char* path, Ort::SessionOptions& options);
 
+// An exception's text fit for a one-line log: line breaks become blanks,
+// trailing blanks go (ONNX Runtime ends some of its texts with a newline).
+std::string oneLine(const char* what);
+
+// The CPU memory description of every tensor the family hands ONNX Runtime;
+// made once.
+const Ort::MemoryInfo& cpuMemory();
+
 // Name of a session's output i.
 std::string outputName(const Ort::Session& session, size_t i);
 

@@ -5,16 +5,16 @@
 
 #include "audio/a2x.h"
 
-namespace {
+namespace le {
 
-constexpr size_t kReleaseBytes = 0x1000000;  // 16 MiB
-
-// Empties a buffer; one that grew past 16 MiB gives its memory back, so that
-// one long utterance does not pin it for the life of the session.
 void clearBuffer(std::vector<float>& v) {
   v.clear();
-  if (v.capacity() * sizeof(float) > kReleaseBytes) std::vector<float>().swap(v);
+  if (v.capacity() * sizeof(float) > 0x1000000) std::vector<float>().swap(v);
 }
+
+}  // namespace le
+
+namespace {
 
 // Drops the first n floats (bounded by the size); no allocation.
 void eraseFront(std::vector<float>& v, size_t n) {
@@ -24,6 +24,7 @@ void eraseFront(std::vector<float>& v, size_t n) {
 }  // namespace
 
 using namespace le::a2x;
+using le::clearBuffer;
 
 void le_a2x::reset(int start, int dir, int loop) {
   if (start < 0) start = rowAt(pulled);

@@ -7,33 +7,12 @@
 #include <stdexcept>
 
 #include "audio/a2x.h"
+#include "audio/a2x_ort.h"
 #include "audio/half_round.h"
 #include "audio/standardise.h"
 #include "audio/w2v_shared.h"
 
 using namespace le::a2x;
-
-namespace {
-
-Ort::MemoryInfo cpuMemory() { return Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault); }
-
-}  // namespace
-
-namespace le {
-
-Ort::Value w2v8Run(Ort::Session& s, std::vector<float>& window) {
-  const Ort::MemoryInfo mem = cpuMemory();
-  const std::array<int64_t, 2> shape{1, le::kW2vWindowSamples};
-  Ort::Value in = Ort::Value::CreateTensor<float>(mem, window.data(), window.size(), shape.data(), shape.size());
-  static const char* const inName[] = {"input_values"};
-  static const char* const outName[] = {"audio_emb"};
-  std::vector<Ort::Value> out = s.Run(Ort::RunOptions{nullptr}, inName, &in, 1, outName, 1);
-  if (out[0].GetTensorTypeAndShapeInfo().GetElementCount() != le::kZeroEmbFloats)
-    throw std::runtime_error("w2v: audio_emb is not (12, 200, 768)");
-  return std::move(out[0]);
-}
-
-}  // namespace le
 
 namespace {
 
@@ -49,6 +28,18 @@ void fillWindow(std::vector<float>& window, const float* pcm, int64_t available)
 }  // namespace
 
 namespace le {
+
+Ort::Value w2v8Run(Ort::Session& s, std::vector<float>& window) {
+  const Ort::MemoryInfo& mem = cpuMemory();
+  const std::array<int64_t, 2> shape{1, le::kW2vWindowSamples};
+  Ort::Value in = Ort::Value::CreateTensor<float>(mem, window.data(), window.size(), shape.data(), shape.size());
+  static const char* const inName[] = {"input_values"};
+  static const char* const outName[] = {"audio_emb"};
+  std::vector<Ort::Value> out = s.Run(Ort::RunOptions{nullptr}, inName, &in, 1, outName, 1);
+  if (out[0].GetTensorTypeAndShapeInfo().GetElementCount() != le::kZeroEmbFloats)
+    throw std::runtime_error("w2v: audio_emb is not (12, 200, 768)");
+  return std::move(out[0]);
+}
 
 void w2v8Frame(const float* out, int frame, float* dst) {
   for (int l = 0; l < kLayers; ++l) {

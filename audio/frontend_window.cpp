@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "audio/a2x.h"
+#include "audio/a2x_ort.h"
 #include "audio/half_round.h"
 #include "audio/standardise.h"
 #include "audio/w2v_shared.h"
@@ -20,8 +21,6 @@ namespace {
 // 1598/199: the 8 s trunk's 1599 positions spread over a window's 200
 // frames, ends aligned.
 constexpr double kPositionsPerFrame = 8.030150753768844;
-
-Ort::MemoryInfo cpuMemory() { return Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault); }
 
 }  // namespace
 
@@ -40,7 +39,7 @@ bool le_a2x::windowBlock() {
   }
   le::standardise(window32k.data(), window32k.size());
 
-  const Ort::MemoryInfo mem = cpuMemory();
+  const Ort::MemoryInfo& mem = le::cpuMemory();
   const std::array<int64_t, 2> inShape{1, le::kTrunkSamples};
   Ort::Value in = Ort::Value::CreateTensor<float>(mem, window32k.data(), window32k.size(), inShape.data(), inShape.size());
   static const char* const trunkIn[] = {"input_values"};

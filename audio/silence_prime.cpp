@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "audio/a2x.h"
+#include "audio/a2x_ort.h"
 #include "audio/w2v_shared.h"
 #include "director/diag.h"
 
@@ -47,7 +48,7 @@ void prime_silence(le_a2x* a, int frames) {
   } catch (const std::exception& e) {
     a->primedPrev.clear();
     a->primedH.clear();
-    std::fprintf(stderr, "[le_a2x] silence-prime failed (%s) -- legacy zero state\n", e.what());
+    std::fprintf(stderr, "[le_a2x] silence-prime failed (%s) -- legacy zero state\n", oneLine(e.what()).c_str());
   }
 }
 

@@ -114,7 +114,7 @@ bool get_shared_w2v_win(int threads, const char* w2vPath) {
                  ltText.c_str(), trunkPath.c_str(), fileBytes(trunkPath), headPath.c_str(), fileBytes(headPath));
     return true;
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "[le_a2x] short-window w2v load FAILED (%s) — legacy 8s path\n", e.what());
+    std::fprintf(stderr, "[le_a2x] short-window w2v load FAILED (%s) — legacy 8s path\n", oneLine(e.what()).c_str());
     delete g_w2vwin_trunk;
     delete g_w2vwin_head;
     g_w2vwin_trunk = g_w2vwin_head = nullptr;

@@ -4,13 +4,20 @@
  * An le_a2x object turns a stream of 16 kHz mono speech into keypoint rows,
  * one row of 63 floats per 40 ms frame (640 samples): a source row index, the
  * source keypoints xs of that row of the bundle's xs_target.bin, and the
- * driven keypoints xd = xs + delta. Its schedule does not depend on how the
- * host cuts its audio: the same samples pushed in any block sizes give the
- * same rows, bit for bit.
+ * driven keypoints xd = xs + delta. Audio becomes usable in blocks of 5120
+ * samples (8 frames); a frame leaves once the audio reaches the look-ahead
+ * that the encoder and the speech frontend need, and at le_a2x_finish every
+ * frame can leave.
  *
  * The speech encoder lives outside the bundle: set W2V_ONNX to its path
- * before the first le_a2x_create. Errors go to le_a2x_last_error(), per
- * thread. One thread at a time per object.
+ * before the first le_a2x_create. Beside it may stand a short-window pair
+ * (audio_encoder_fp16_window_trunk.onnx and _head.onnx), which serves one
+ * block at a time and sees the same samples for a block however the host
+ * cut its pushes; without it the 8 s encoder serves, whose windows see the
+ * audio that was usable when they ran. Both are loaded once per process.
+ *
+ * Errors go to le_a2x_last_error(), per thread. One thread at a time per
+ * object; objects on different threads may run at once.
  */
 #ifndef LE_LE_A2X_H
 #define LE_LE_A2X_H
@@ -37,16 +44,18 @@ LE_API int le_a2x_nt(const le_a2x* a);
  * walk has reached) in direction dir (negative: backwards), looping over the
  * table if loop is non-zero, else ping-ponging. */
 LE_API void le_a2x_reset(le_a2x* a, int start, int dir, int loop);
-/* Appends n samples (float, -1 to 1); n below 1 does nothing. Returns 1. */
+/* Appends n samples (float, -1 to 1); n below 1 does nothing. Returns 1 (0
+ * for a NULL handle, or NULL pcm with n above 0). */
 LE_API int le_a2x_push(le_a2x* a, const float* pcm, int n);
 /* Marks the end of the utterance's audio. */
 LE_API void le_a2x_finish(le_a2x* a);
 /* Does up to one slice of work; returns the frames that can be pulled now. */
 LE_API int le_a2x_avail(le_a2x* a);
-/* -1 until finished; then ceil(samples / 640). */
+/* -1 until finished (and for NULL); then ceil(samples / 640). */
 LE_API int le_a2x_total(le_a2x* a);
 /* Writes up to max frames: rows[i], 63 floats each of xs and xd. Returns the
- * count written. */
+ * count written. With every decoded frame already pulled it first does the
+ * work for up to max frames that are ready. */
 LE_API int le_a2x_pull(le_a2x* a, int* rows, float* xs, float* xd, int max);
 /* The same with one width value per frame (0 where the encoder has none). */
 LE_API int le_a2x_pull_wn(le_a2x* a, int* rows, float* xs, float* xd, float* wn, int max);

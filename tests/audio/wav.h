@@ -1,0 +1,14 @@
+// Reading the generated speech clips: 16 kHz mono 16-bit PCM WAV. Shared by
+// the speech tests and the speech benchmark.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace le::test {
+
+// The samples as floats in [-1, 1); throws for anything but 16 kHz mono
+// 16-bit PCM.
+std::vector<float> readWav(const std::string& path);
+
+}  // namespace le::test
