@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 install(TARGETS kestrova EXPORT kestrovaTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES le/le.h le/le_export.h le/le_tel.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/le)
+install(FILES le/le.h le/le_export.h le/le_tel.h le/le_tessera.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/le)
 install(TARGETS le-bundle RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The pinned runtime travels with the library, which finds it beside itself.
 install(FILES ${LE_ORT_LIBRARY} DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -27,6 +27,7 @@ import frames_data
 import graphs
 import ops_graphs
 import render_graphs
+import teeth_data
 
 
 def write_manifest_cases(root):
@@ -131,6 +132,7 @@ def main():
     graphs.write_cases(os.path.join(out, "graphs"))
     ops_graphs.write_cases(os.path.join(out, "ops"))
     render_graphs.write_cases(os.path.join(out, "render"), sample)
+    teeth_data.write_cases(os.path.join(out, "teeth"))
 
 
 if __name__ == "__main__":
