@@ -102,9 +102,11 @@ void Unpickler::setItem(const PRef& key, const PRef& value) {
 
 void Unpickler::get(uint64_t index, const char* op) {
   if (index >= memoSize_) refuse(std::string("teeth: pickle ") + op + " out of range");
+  // An index below the highest put that was never put holds nothing; all
+  // such fetches share one value.
+  static const PRef nothing = std::make_shared<const PVal>();
   const auto it = memo_.find(index);
-  // An index below the highest put that was never put holds nothing.
-  stack_.push_back(it != memo_.end() ? it->second : std::make_shared<const PVal>());
+  stack_.push_back(it != memo_.end() ? it->second : nothing);
 }
 
 void Unpickler::put(uint64_t index) {

@@ -190,8 +190,10 @@ TesseraAttachInputs loadTesseraMembers(const std::string& bundleDir) {
            ")");
   }
   // A donor frame's byte count must be a size every consumer can hold; a
-  // stamp beyond it cannot come from a bank that was ever built.
-  if (bandH * bandW * 3 > std::numeric_limits<int32_t>::max()) {
+  // stamp beyond it cannot come from a bank that was ever built. (Divided,
+  // not multiplied: two sides of a hostile stamp overflow 64 bits.)
+  constexpr int64_t kMaxFrameBytes = std::numeric_limits<int32_t>::max();
+  if (bandW > kMaxFrameBytes / 3 || bandH > kMaxFrameBytes / (3 * bandW)) {
     refuse("teeth stamp yields a stored patch (" + std::to_string(bandW) + "x" + std::to_string(bandH) +
            ") of more than 2147483647 bytes per donor — no bank holds frames that large");
   }

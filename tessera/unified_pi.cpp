@@ -106,13 +106,7 @@ float UnifiedPi::propTeethGate(const float* kp, float* out) const {
   return g;
 }
 
-void UnifiedPi::piU8(const float* kp, uint8_t* out) const {
-  const size_t n = static_cast<size_t>(canvas) * static_cast<size_t>(canvas);
-  std::vector<float> lip(n), gated(n);
-  lipMask(kp, lip.data());
-  propTeethGate(kp, gated.data());
-  for (size_t i = 0; i < n; ++i) out[i] = quantiseU8(std::max(lip[i], gated[i]));
-}
+void UnifiedPi::piU8(const float* kp, uint8_t* out) const { piInBox(kp, Box{0, 0, canvas, canvas}, out); }
 
 EllParams UnifiedPi::lipParams(const float* kp) const {
   const LipStats s = stats(kp);
@@ -174,15 +168,20 @@ float UnifiedPi::piAt(const EllParams& lip, const EllParams& gate, float g, int3
   return std::max(ellipseAt(lip, xs[c], ys[r]), ellipseAt(gate, xs[c], ys[r]) * g);
 }
 
-void UnifiedPi::piU8Boxed(const float* kp, uint8_t* out) const {
-  const size_t side = static_cast<size_t>(canvas);
-  std::memset(out, 0, side * side);
+// Each pixel of the box as lipMask and propTeethGate give it, without
+// their canvases: both ellipses in one sweep.
+void UnifiedPi::piInBox(const float* kp, const Box& b, uint8_t* out) const {
   float g = 0.0f;
   const EllParams lip = lipParams(kp);
   const EllParams gate = gateParams(kp, g);
-  const Box b = clipped(supportBox(kp));
+  const size_t side = static_cast<size_t>(canvas);
   for (int32_t r = b.y0; r < b.y1; ++r)
     for (int32_t c = b.x0; c < b.x1; ++c) out[r * side + c] = quantiseU8(piAt(lip, gate, g, r, c));
+}
+
+void UnifiedPi::piU8Boxed(const float* kp, uint8_t* out) const {
+  std::memset(out, 0, static_cast<size_t>(canvas) * static_cast<size_t>(canvas));
+  piInBox(kp, clipped(supportBox(kp)), out);
 }
 
 void UnifiedPi::piU8ShrunkBy(const float* kp, const float* contour, const Box& box, uint8_t* out) const {

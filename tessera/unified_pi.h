@@ -113,6 +113,7 @@ class UnifiedPi {
   float cornerScale(const float* kp, const LipStats& s) const;
   Box clipped(const Box& b) const;
   float piAt(const EllParams& lip, const EllParams& gate, float g, int32_t r, int32_t c) const;
+  void piInBox(const float* kp, const Box& box, uint8_t* out) const;
 };
 
 // 0..255 of a mask value: clamped to [0, 1], times 255, rounded to nearest

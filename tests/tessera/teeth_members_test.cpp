@@ -253,6 +253,7 @@ std::vector<RefusalCase> refusalCases() {
        "window by lives there, and placing a borrow window without it is guessing."},
       {"manifest_not_json", "teeth: {bundle}/manifest.json is not readable JSON: teeth: bad JSON number"},
       {"sidecar_not_json", "teeth: tessera_bank.v1.json is not readable JSON: teeth: malformed JSON object"},
+      {"sidecar_deep", "teeth: tessera_bank.v1.json is not readable JSON: teeth: JSON nests deeper than 256 levels"},
       {"sidecar_empty", "teeth: tessera_bank.v1.json is not readable JSON: teeth: JSON truncated"},
       {"format_other", "tessera_bank.v1.json declares format 'tessera_bank.v2" + format},
       {"format_missing", "tessera_bank.v1.json declares format '" + format},
@@ -272,6 +273,9 @@ std::vector<RefusalCase> refusalCases() {
       {"band_huge",
        "teeth stamp yields a stored patch (104x4000000004) of more than 2147483647 bytes per donor — no bank holds "
        "frames that large"},
+      {"band_huge_both",
+       "teeth stamp yields a stored patch (4000000004x4000000004) of more than 2147483647 bytes per donor — no bank "
+       "holds frames that large"},
       {"n_zero", "tessera_bank.v1.json says n_donors=0"},
       {"n_negative", "tessera_bank.v1.json says n_donors=-3"},
       {"n_1025",

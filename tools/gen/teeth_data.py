@@ -29,6 +29,7 @@ Layout under OUT_DIR/teeth:
   corpus/xs_target.f32     the source frames they identify over
 """
 import copy
+import functools
 import json
 import os
 import struct
@@ -40,6 +41,10 @@ import lip_data
 import pi_reference
 import torch_pt
 from bundle_data import Rng, f32, sample_bundle
+
+# The sample bundle and the valid head are built once: every bundle case
+# starts from them.
+base_bundle = functools.lru_cache(maxsize=None)(sample_bundle)
 
 # ------------------------------------------------------------------ members
 
@@ -100,7 +105,7 @@ class TeethBundle:
     members under their file names, and any other files."""
 
     def __init__(self):
-        base = sample_bundle()
+        base = base_bundle()
         self.manifest = dict(base.manifest)
         self.manifest["tessera"] = {"planes": ["cpu", "gpu"], "geometry": dict(STAMP), "bank_container": "mp4"}
         self.manifest["unified"] = copy.deepcopy(UNIFIED)
@@ -111,7 +116,7 @@ class TeethBundle:
         self.files = {
             # The library never decodes the track; it only has to be present.
             SLOT_FILES["bank_track"]: b"reference track placeholder: decoded by the host, never by the library",
-            SLOT_FILES["head_weights"]: head_checkpoint(blend16_tensors()).bytes,
+            SLOT_FILES["head_weights"]: valid_head(),
             SLOT_FILES["head_config"]: (json.dumps(head_config()) + "\n").encode(),
             "xs_target.bin": base.members["xs_target.bin"],
         }
@@ -220,6 +225,8 @@ def member_refusals():
     b.manifest_text = '{"format": "le-bundle-v0", "tessera": oops}\n'
     b = case("sidecar_not_json")
     b.sidecar_text = '{"format": "tessera_bank.v1" "n_donors": 5}\n'
+    b = case("sidecar_deep")
+    b.sidecar_text = "[" * 100000
     b = case("sidecar_empty")
     b.sidecar_text = ""
     b = case("format_other")
@@ -251,6 +258,9 @@ def member_refusals():
     b = case("band_huge")
     for blk in (b.sidecar["geometry"], b.manifest["tessera"]["geometry"]):
         blk.update({"band_r0": -2000000000, "band_r1": 2000000000, "band_c0": 0, "band_c1": 100})
+    b = case("band_huge_both")
+    for blk in (b.sidecar["geometry"], b.manifest["tessera"]["geometry"]):
+        blk.update({"band_r0": -2000000000, "band_r1": 2000000000, "band_c0": -2000000000, "band_c1": 2000000000})
     b = case("n_zero")
     b.sidecar["n_donors"] = 0
     b = case("n_negative")
@@ -371,6 +381,11 @@ def blend16_tensors(names=None):
         data[offset:need] = vals[name]
     total = {k: len(v) for k, v in storages.items()}
     return [torch_pt.Tensor(n, k, o, s, total[k]) for n, k, o, s in tensors], storages
+
+
+@functools.lru_cache(maxsize=None)
+def valid_head():
+    return head_checkpoint(blend16_tensors()).bytes
 
 
 def head_checkpoint(parts, **kw):
@@ -598,7 +613,7 @@ def write_pi_cases(root):
         box = lip_data.ref_box(template, poly)
         contours.append(lip_data.ref_contour(template, poly, box, lip_data.ref_mask(poly, box)))
     for name, block in PI_GEOMETRIES.items():
-        manifest = dict(sample_bundle().manifest, unified={"pi": block, "crop": {"canvas": PI_CANVAS}})
+        manifest = dict(base_bundle().manifest, unified={"pi": block, "crop": {"canvas": PI_CANVAS}})
         put(os.path.join(d, name + ".json"), (json.dumps(manifest) + "\n").encode())
         pi = pi_of(block, PI_CANVAS)
         out = {k: b"" for k in ("lip.f32", "gate.f32", "gate_value.f32", "pi.u8", "box.i32", "centroid.f64",
@@ -649,7 +664,7 @@ def write_corpus_cases(root):
     os.makedirs(d, exist_ok=True)
     rows = corpus_rows()
     put(os.path.join(d, "xs_target.f32"), f32([v for kp in rows for v in kp]))
-    manifest = json.dumps(dict(sample_bundle().manifest,
+    manifest = json.dumps(dict(base_bundle().manifest,
                                unified={"pi": CORPUS_BLOCK, "crop": {"canvas": CORPUS_CANVAS}})) + "\n"
     pi = pi_of(CORPUS_BLOCK, CORPUS_CANVAS)
     centroids = {name: c for name, _, c in pi_reference.corpus_distances(pi, rows, (0.0, 0.0))}
