@@ -10,6 +10,7 @@ Layout of OUT_DIR:
   manifests/<case>/    one bundle per manifest variant (manifest.json + P.f16)
   priors/<case>/       bundles that differ only in their warp prior members
   containers/*.imx     IMX containers: valid ones and one broken variant each
+  movies/              movie members written by ffmpeg (see movie_data.py)
 
 Later data (tensors, driver frames, graphs, audio, teeth) joins as new
 builders beside these; each writes only under its own folder.
@@ -23,6 +24,7 @@ import sys
 from bundle_data import Bundle, sample_bundle, manifest_text
 import imx
 import lip_data
+import movie_data
 import frames_data
 import graphs
 import ops_graphs
@@ -131,6 +133,7 @@ def main():
     graphs.write_cases(os.path.join(out, "graphs"))
     ops_graphs.write_cases(os.path.join(out, "ops"))
     render_graphs.write_cases(os.path.join(out, "render"), sample)
+    movie_data.write_cases(os.path.join(out, "movies"), sample)
 
 
 if __name__ == "__main__":
