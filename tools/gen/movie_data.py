@@ -246,7 +246,7 @@ def write_bundles(root, sample):
         movie = dict(kept)
         movie["target_frames.mp4"] = open(driver, "rb").read()
         movie["P_hevc.mov"] = open(prior, "rb").read()
-        Bundle(dict(base), movie).write_dir(os.path.join(root, "bundles", "movie"))
+        Bundle(dict(base, P_hevc="P_hevc.mov"), movie).write_dir(os.path.join(root, "bundles", "movie"))
 
     from PIL import Image
     twin = dict(kept)
