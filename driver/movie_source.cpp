@@ -2,8 +2,6 @@
 
 #include <cstdio>
 
-#include "compute/threads.h"
-
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -12,12 +10,10 @@ extern "C" {
 
 namespace le::driver {
 
-std::unique_ptr<Source> openMp4(const std::string& path, int NT, int W, int H) {
-  return openMp4(path, NT, W, H, le::pool::threads());
-}
+std::unique_ptr<Source> openMp4(const std::string& path, int NT, int W, int H) { return openMp4(path, NT, W, H, 1); }
 
 std::unique_ptr<Source> openPriorHevc(const std::string& path, int NT, int crop) {
-  return openPriorHevc(path, NT, crop, le::pool::threads());
+  return openPriorHevc(path, NT, crop, 1);
 }
 
 }  // namespace le::driver

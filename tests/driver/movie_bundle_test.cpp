@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bundle/identity.h"
@@ -103,6 +104,27 @@ TEST(MovieBundle, WalkPKeepsThePriorInStepWithoutGoingBack) {
   mapped.walkP(3);
   EXPECT_EQ(mapped.priorSeeks(), 0u);
   EXPECT_EQ(mapped.priorResidentBytes(), 0u);
+}
+
+// The session's pattern: one thread takes rows while another keeps the
+// prior in step; each row that comes out is the right one.
+TEST(MovieBundle, RowsAndWalksFromTwoThreads) {
+  le::Identity id(le::loadManifest(bundle("movie"), 0));
+  le::DriverCursor* cursor = nullptr;
+  le::test::captureStderr([&] { cursor = &id.prior(); });
+  std::vector<std::vector<uint8_t>> want;
+  for (int si = 0; si < 4; ++si) want.push_back(twinPriorRow(si));
+  std::thread walker([&] {
+    for (int k = 0; k < 200; ++k) id.walkP((k / 3) % 4);
+  });
+  std::vector<uint8_t> row(cursor->frame_bytes);
+  int wrong = 0;
+  for (int k = 0; k < 200; ++k) {
+    const int si = (k * 3) % 4;
+    if (cursor->pullAt(si, row.data()) != si || row != want[static_cast<size_t>(si)]) ++wrong;
+  }
+  walker.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 TEST(PriorHandle, RowsBackendAndRefusals) {

@@ -46,7 +46,7 @@ TEST(MovieDriver, EveryFrameInOrderAfterRewindAndSeekMatchesTheReference) {
   for (const Case& c : kPlayable) {
     const auto want = le::test::referenceDriverFrames(dataPath("movies/driver/") + c.name + ".yuv", c.w, c.h);
     ASSERT_EQ(want.size(), static_cast<size_t>(kNT));
-    for (const int threads : {1, 2}) {
+    for (const int threads : le::test::decoderThreadCounts()) {
       SCOPED_TRACE(std::string(c.name) + " threads " + std::to_string(threads));
       auto s = le::driver::openMp4(movie(c.name), kNT, c.w, c.h, threads);
       EXPECT_EQ(s->NT(), kNT);
@@ -79,7 +79,7 @@ TEST(MovieDriver, EveryFrameInOrderAfterRewindAndSeekMatchesTheReference) {
 TEST(MovieDriver, ThroughTheCursorByIndexAcrossLoopsAndSeeks) {
   const Case& c = kPlayable[0];
   const auto want = le::test::referenceDriverFrames(dataPath("movies/driver/h264.yuv"), c.w, c.h);
-  for (const int threads : {1, 2}) {
+  for (const int threads : le::test::decoderThreadCounts()) {
     auto cursor = DriverCursor::over(le::driver::openMp4(movie(c.name), kNT, c.w, c.h, threads), 2, 11);
     EXPECT_EQ(cursor->backend, "mp4/ffmpeg y420");
     EXPECT_EQ(cursor->residentBytes(), static_cast<size_t>(c.w * c.h * 9 + 14 * c.w * c.h * 3));

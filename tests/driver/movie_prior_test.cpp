@@ -136,7 +136,7 @@ TEST(MoviePrior, EveryFrameInPresentationOrderAfterRewindAndSeekMatchesTheRefere
     const auto want =
         le::test::referencePriorFrames(dataPath("movies/prior/") + p.name + ".yuv", kCrop, p.bits);
     ASSERT_EQ(want.size(), static_cast<size_t>(kNT));
-    for (const int threads : {1, 2}) {
+    for (const int threads : le::test::decoderThreadCounts()) {
       SCOPED_TRACE(std::string(p.name) + " threads " + std::to_string(threads));
       auto s = le::driver::openPriorHevc(movie(p.name), kNT, kCrop, threads);
       EXPECT_EQ(s->NT(), kNT);

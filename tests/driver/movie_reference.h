@@ -23,6 +23,17 @@ std::vector<std::vector<uint8_t>> referencePriorFrames(const std::string& yuv, i
 // The prior's conversion of one pixel, as three half patterns.
 void referencePriorPixel(int y, int u, int v, uint16_t rgb[3]);
 
+// The decoder thread counts the sources are checked at: 1 and 2, or only 1
+// in a ThreadSanitizer build, which can't see FFmpeg's frame threads hand
+// frames over (through atomics inside the uninstrumented libavcodec).
+inline std::vector<int> decoderThreadCounts() {
+#if defined(__SANITIZE_THREAD__)
+  return {1};
+#else
+  return {1, 2};
+#endif
+}
+
 // Presentation times of a movie's first video stream in stored order, read
 // with libavformat.
 std::vector<int64_t> storedPresentationTimes(const std::string& movie);
