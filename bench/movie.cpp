@@ -6,8 +6,9 @@
 //      thread runs: read, decode, convert to RGB24), and
 //   2. through a DriverCursor (look-ahead 2, history 11), pulled in order by
 //      a caller that does nothing else, so each pull waits on the decode,
-// at 1 and 2 decoder threads for the movie (libavcodec frame threads; the
-// JPEG source decodes on its one thread either way). Prints the median, the
+// at 1 and 2 decoder threads for the movie (1 is what a bundle's cursor
+// uses; 2 adds a libavcodec frame thread; the JPEG source decodes on its one
+// thread either way). Prints the median, the
 // 99th percentile and the mean per frame, the heap allocations per frame
 // where the allocation counter is built in, and the movie/JPEG ratios.
 //

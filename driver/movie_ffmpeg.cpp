@@ -32,11 +32,18 @@ int firstVideoStream(const AVFormatContext* f) {
   return -1;
 }
 
-uint32_t subtypeOf(const AVCodecParameters* par) {
-  // FFmpeg keeps the tag with its first character in the low byte.
-  const uint32_t t = par->codec_tag;
+namespace {
+
+uint32_t byteSwapped(uint32_t t) {
   return (t & 0xffu) << 24 | (t >> 8 & 0xffu) << 16 | (t >> 16 & 0xffu) << 8 | (t >> 24 & 0xffu);
 }
+
+}  // namespace
+
+// FFmpeg keeps a tag with its first character in the low byte.
+uint32_t subtypeOf(const AVCodecParameters* par) { return byteSwapped(par->codec_tag); }
+
+uint32_t codecTagOf(uint32_t code) { return byteSwapped(code); }
 
 std::string fourcc(uint32_t code) {
   std::string s;

@@ -64,6 +64,9 @@ int firstVideoStream(const AVFormatContext* f);
 // 0 where the container stores none.
 uint32_t subtypeOf(const AVCodecParameters* par);
 
+// The codec tag FFmpeg keeps for a code given high byte first.
+uint32_t codecTagOf(uint32_t code);
+
 // A code's four bytes, high byte first, stopping at a zero byte.
 std::string fourcc(uint32_t code);
 // The same four bytes with each byte below 32 or at 127 and above as "?".

@@ -86,7 +86,7 @@ class FfPriorSource final : public Source {
     if (status < 0)
       refuse("le_driver: could not rebuild the format description for " + path_ + " (subtype '" +
              ff::fourccStr(sub) + "', status " + std::to_string(status) + ") — refusing");
-    rebuilt->codec_tag = (tag >> 24 & 0xffu) | (tag >> 16 & 0xffu) << 8 | (tag >> 8 & 0xffu) << 16 | (tag & 0xffu) << 24;
+    rebuilt->codec_tag = ff::codecTagOf(tag);
     codec_ = ff::openDecoder(rebuilt.get(), threads, &status);
     if (!codec_)
       refuse("le_driver: FFmpeg will not open " + path_ + " as '" + ff::fourccStr(tag) +
