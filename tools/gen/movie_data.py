@@ -15,6 +15,11 @@ Layout under OUT_DIR/movies:
   bundles/movie/         the sample bundle whose driver (target_frames.mp4,
                          lossless H.264) and prior (P_hevc.mov, lossless
                          HEVC 4:4:4) are movies, with no P.f16 and no JPEGs
+  bundles/teeth_bank/    a teeth bank track (lossless H.264 RGB) and its
+                         sidecar, with donors.rgb beside the bundle: the
+                         frames in donor order, as le-bundle donors must
+                         write them; teeth_bank_yuv/ stores the same frames
+                         as YUV, which that command refuses
   bundles/jpeg_twin/     the same bundle with the same frames as a JPEG
                          directory and P.f16: its driver frames decode to
                          the movie's bytes and its P.f16 is the conversion of
@@ -259,6 +264,31 @@ def write_bundles(root, sample):
     Bundle(dict(base), twin).write_dir(os.path.join(root, "bundles", "jpeg_twin"))
 
 
+def write_teeth_banks(root, tmp):
+    import json
+    geometry = {"canvas_w": 64, "canvas_h": 48, "window_x0": 16, "window_y0": 20, "window_w": 32,
+                "window_h": 20, "pad": 4, "band_r0": 4, "band_r1": 14, "band_c0": 6, "band_c1": 26,
+                "shift_margin": 2}
+    w, h, n = 24, 14, 5  # the stored patch of that stamp
+    order = [3, 0, 4, 1, 2]
+    sidecar = {"format": "tessera_bank.v1", "geometry": geometry, "n_donors": n, "track_order": order,
+               "cent": [[10.0 + i, 5.0] for i in range(n)], "aperture": [0.1 * i for i in range(n)],
+               "c_canon": [12.0, 5.0], "codec": {"codec": "h264", "pix_fmt": "rgb24"}}
+    frames = [frame_rgb(i, w, h) for i in range(n)]
+    for name, args in (("teeth_bank", ["-c:v", "libx264rgb", "-qp", "0", "-pix_fmt", "rgb24"]),
+                       ("teeth_bank_yuv", ["-c:v", "libx264", "-qp", "0", "-pix_fmt", "yuv444p"])):
+        d = os.path.join(root, "bundles", name)
+        os.makedirs(d)
+        encode(os.path.join(d, "tessera_bank.v1.mp4"), b"".join(frames), "rgb24", w, h, args)
+        with open(os.path.join(d, "tessera_bank.v1.json"), "w", encoding="utf-8") as f:
+            json.dump(sidecar, f)
+    donors = [None] * n
+    for i, slot in enumerate(order):
+        donors[slot] = frames[i]
+    with open(os.path.join(root, "bundles", "teeth_bank_donors.rgb"), "wb") as f:
+        f.write(b"".join(donors))
+
+
 def driver_movie_bytes(nt, w, h):
     """A playable H.264 driver of nt index-carrying frames, as bytes."""
     with tempfile.TemporaryDirectory() as tmp:
@@ -282,5 +312,6 @@ def write_cases(root, sample):
         write_driver_cases(root, tmp)
         write_prior_cases(root, tmp)
         write_bundles(root, sample)
+        write_teeth_banks(root, tmp)
     finally:
         shutil.rmtree(tmp)
