@@ -45,13 +45,13 @@ class FfSource final : public Source {
     duration_value_ = rate.den;
     duration_scale_ = rate.num;
     if (duration_value_ < 1 || duration_scale_ < 1) refuse("le_driver: " + path_ + " has no frame duration");
-    const double frame_s = static_cast<double>(duration_value_) / static_cast<double>(duration_scale_);
+    const double frame_s = frameSeconds();
     double track_s = 0.0;
     if (track_->duration != AV_NOPTS_VALUE)
       track_s = static_cast<double>(track_->duration) * av_q2d(track_->time_base);
     else if (format_->duration != AV_NOPTS_VALUE)
       track_s = static_cast<double>(format_->duration) / AV_TIME_BASE;
-    const auto est = static_cast<int>(track_s / frame_s + 0.5);
+    const int64_t est = cutToInteger(track_s / frame_s + 0.5);
     if (frame_s > 0.0 && est >= 1 && est != nt_)
       refuse("le_driver: " + path_ + " carries ~" + std::to_string(est) + " frames, the manifest says NT=" +
              std::to_string(nt_) + " — member/manifest mismatch, refusing");
@@ -73,7 +73,7 @@ class FfSource final : public Source {
       const int64_t pts = presentationTime();
       // Frames that end before the start of the range asked for are the
       // decode from the key frame up to it.
-      if (keep_from_ != AV_NOPTS_VALUE && pts != AV_NOPTS_VALUE && pts + frame_ticks_ <= keep_from_) {
+      if (keep_from_ != AV_NOPTS_VALUE && pts != AV_NOPTS_VALUE && pts <= keep_from_ - frame_ticks_) {
         av_frame_unref(frame_.get());
         continue;
       }
@@ -83,14 +83,15 @@ class FfSource final : public Source {
                ", not y420 — refusing rather than pasting onto a different pixel domain");
       if (f.width != w_ || f.height != h_) refuse("le_driver: " + path_ + " changed size mid-stream");
       if (check_first_) {
-        const double at_s = static_cast<double>(pts - range_start_) * av_q2d(track_->time_base);
-        const double frame_s = static_cast<double>(duration_value_) / static_cast<double>(duration_scale_);
-        const auto idx = static_cast<int>(at_s / frame_s + 0.5);
         check_first_ = false;
-        if (pts == AV_NOPTS_VALUE || idx != pos_)
-          refuse("le_driver: " + path_ + " delivered frame " +
-                 (pts == AV_NOPTS_VALUE ? std::string("without a time") : std::to_string(idx)) + " where " +
-                 std::to_string(pos_) + " was asked for");
+        if (pts == AV_NOPTS_VALUE)
+          refuse("le_driver: " + path_ + " delivered frame without a time where " + std::to_string(pos_) +
+                 " was asked for");
+        const double at_s = (static_cast<double>(pts) - static_cast<double>(range_start_)) * av_q2d(track_->time_base);
+        const int64_t idx = cutToInteger(at_s / frameSeconds() + 0.5);
+        if (idx != pos_)
+          refuse("le_driver: " + path_ + " delivered frame " + std::to_string(idx) + " where " + std::to_string(pos_) +
+                 " was asked for");
       }
       if (f.linesize[1] != f.linesize[2]) refuse("le_driver: y420 chroma planes with unequal strides");
       const std::size_t row_bytes = static_cast<std::size_t>(w_) * 3;
@@ -166,6 +167,16 @@ class FfSource final : public Source {
       av_frame_unref(frame_.get());
       back = back == 0 ? 2 * frame_ticks_ : 2 * back;
     }
+  }
+
+  double frameSeconds() const { return static_cast<double>(duration_value_) / static_cast<double>(duration_scale_); }
+
+  // Truncation toward zero, held inside the range of the integer so that a
+  // nonsense time can't overflow the conversion.
+  static int64_t cutToInteger(double v) {
+    if (!(v > -1e15)) return v != v ? 0 : -1000000000000000;
+    if (v > 1e15) return 1000000000000000;
+    return static_cast<int64_t>(v);
   }
 
   int64_t presentationTime() const {
