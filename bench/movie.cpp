@@ -127,7 +127,8 @@ int main() {
       movieNext[t - 1] = measure(nextLoop(*source, frame), warm, n);
       auto cursor = le::DriverCursor::over(le::driver::openMp4(movie, kNT, kW, kH, t), 2, 11);
       moviePull[t - 1] = measure(pullLoop(*cursor), warm, n);
-      if (cursor->seeks() != 0) std::printf("unexpected: %llu seeks\n", static_cast<unsigned long long>(cursor->seeks()));
+      if (cursor->seeks() != 0)
+        std::printf("unexpected: %llu seeks\n", static_cast<unsigned long long>(cursor->seeks()));
     }
 
     std::printf("\n%-40s %-8s\n", "per 1280x720 frame", "threads");
