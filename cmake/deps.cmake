@@ -34,3 +34,10 @@ target_link_libraries(le_highway INTERFACE PkgConfig::LE_HWY)
 
 # stb (Debian libstb-dev): header-only use of stb_image and stb_image_write.
 find_path(LE_STB_INCLUDE_DIR stb_image.h PATH_SUFFIXES stb REQUIRED)
+
+# FFmpeg (Debian libavformat-dev, libavcodec-dev, libavutil-dev): plays the
+# driver and warp prior movies. Decoded planes become frames through the
+# engine's own conversion kernels, so libswscale is not used.
+pkg_check_modules(LE_FFMPEG REQUIRED IMPORTED_TARGET libavformat libavcodec libavutil)
+add_library(le_ffmpeg INTERFACE)
+target_link_libraries(le_ffmpeg INTERFACE PkgConfig::LE_FFMPEG)

@@ -121,6 +121,31 @@ LE_API int le_bundle_resolve_handle(const char* path, char* out, size_t cap);
  */
 LE_API int le_bundle_resolve_member(const char* path, const char* member, char* out, size_t cap);
 
+/*
+ * The bundle's warp prior movie (the manifest's P_hevc member, default
+ * "P_hevc.mov") played by itself, with no renderer: a cursor that decodes up
+ * to `look` frames ahead and keeps `history` frames behind. look below 1
+ * becomes 2, history below 0 becomes 0. Returns NULL on failure, with the
+ * refusal in le_last_error(); a bundle whose prior is not a movie is refused.
+ */
+typedef struct le_prior le_prior;
+LE_API le_prior* le_prior_open(const char* bundle_dir, int look, int history);
+
+/* Bytes of one prior row: three planes R, G, B of crop x crop IEEE halves
+ * (the layout of one P.f16 row); 0 for NULL. */
+LE_API size_t le_prior_row_bytes(const le_prior* prior);
+
+/* Copies the row of source frame si (0 to NT - 1) into out, cap bytes at
+ * least le_prior_row_bytes. Returns 1, or 0 on failure. One thread at a time
+ * per handle. */
+LE_API int le_prior_row(le_prior* prior, int si, uint8_t* out, size_t cap);
+
+/* The movie source's name, valid until le_prior_close; "" for NULL. */
+LE_API const char* le_prior_backend(const le_prior* prior);
+
+/* Stops the decoder and frees the handle; NULL is ignored. */
+LE_API void le_prior_close(le_prior* prior);
+
 #ifdef __cplusplus
 }
 #endif

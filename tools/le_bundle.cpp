@@ -7,6 +7,8 @@
 //   le-bundle render [--model KEY] <bundle> <N> <outdir>
 //                                           render and paste N frames of the idle
 //                                           loop and write them as PNG files
+//   le-bundle donors <bundle> <outdir>      the teeth bank's reference track as
+//                                           donor_NNNN.png in donor order
 //   le-bundle version                       engine and ONNX Runtime versions
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +27,7 @@
 #include "driver/image_io.h"
 #include "le/context.h"
 #include "le/le.h"
+#include "tools/bank_donors.h"
 
 namespace {
 
@@ -34,6 +37,7 @@ int usage() {
                "       le-bundle pack <dir> <file.imx>\n"
                "       le-bundle unpack <file.imx> [<root>]\n"
                "       le-bundle render [--model KEY] <bundle> <N> <outdir>\n"
+               "       le-bundle donors <bundle> <outdir>\n"
                "       le-bundle version\n");
   return 2;
 }
@@ -172,6 +176,11 @@ int main(int argc, char** argv) {
     if (a.size() == 3 && a[0] == "pack") return pack(a[1], a[2]);
     if (a.size() == 4 && a[0] == "render") return render(a[1], "render", a[2], a[3]);
     if (a.size() == 6 && a[0] == "render" && a[1] == "--model") return render(a[3], a[2], a[4], a[5]);
+    if (a.size() == 3 && a[0] == "donors") {
+      const int n = le::tools::writeBankDonors(a[1], a[2]);
+      std::printf("wrote %d donor frames of the teeth bank, in donor order, into %s\n", n, a[2].c_str());
+      return 0;
+    }
     if ((a.size() == 2 || a.size() == 3) && a[0] == "unpack") return unpack(a[1], a.size() == 3 ? argv[3] : nullptr);
     return usage();
   } catch (const std::exception& e) {

@@ -1,6 +1,6 @@
 // The driver of a bundle: which member DriverCursor::open plays, its lines
 // and refusals word for word, the JPEG source through the cursor, and the
-// movie stand-ins until movie playback arrives.
+// movie members chosen instead of it.
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -57,10 +57,18 @@ std::unique_ptr<DriverCursor> openQuiet(const le::Manifest& m, int look, int his
   return c;
 }
 
-std::string movieRefusal(const std::string& path, const char* what) {
-  return "le_driver: cannot play " + path + " (" + what +
-         "): this build of the engine has no movie decoder yet — movie members arrive with FFmpeg playback. "
-         "REFUSING rather than playing nothing.";
+std::string movieLine(const std::string& member, int w, int h) {
+  return "[le-driver] " + member + " decoded IN PLACE (mp4/ffmpeg y420, 4 frames " + std::to_string(w) + "x" +
+         std::to_string(h) + ", look-ahead 2, history 11) — no frame of the driver is expanded ahead of the paste\n";
+}
+
+// Every frame of a four-frame driver carries its index.
+void expectTheFourFrames(DriverCursor& c) {
+  std::vector<uint8_t> out(c.frame_bytes);
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(c.pullAt(i, out.data()), i);
+    EXPECT_EQ(frameIndex(out.data(), c.w), i);
+  }
 }
 
 TEST(DriverOpen, TheSampleReadsItsJpegDirectoryAndSaysSo) {
@@ -185,11 +193,15 @@ TEST(DriverOpen, OnlyTheLastFrameIsProbed) {
                 "/target_frames.mp4) — there is no driver video to play. REFUSING to create a session.");
 }
 
-TEST(DriverOpen, AMovieOnlyDriverIsRefusedByNameUntilMoviePlaybackArrives) {
+TEST(DriverOpen, AMovieOnlyDriverPlaysItsMovieAndSaysSo) {
   const le::Manifest m = le::loadManifest(driverCase("mp4_only"), 0);
   const std::string path = m.bundle_dir + "/target_frames.mp4";
-  EXPECT_EQ(errorOf([&] { openQuiet(m, 2, 11); }), movieRefusal(path, "driver movie"));
+  std::unique_ptr<DriverCursor> c;
+  const std::string err = le::test::captureStderr([&] { c = DriverCursor::open(m, 2, 11); });
+  EXPECT_EQ(err, movieLine("target_frames.mp4", 64, 48));
+  EXPECT_EQ(c->backend, "mp4/ffmpeg y420");
   EXPECT_EQ(DriverCursor::mp4MemberPath(m), path);
+  expectTheFourFrames(*c);
 }
 
 TEST(DriverOpen, BothFormsReadTheJpegsUnlessTheMovieIsPreferredExactly) {
@@ -202,12 +214,14 @@ TEST(DriverOpen, BothFormsReadTheJpegsUnlessTheMovieIsPreferredExactly) {
   }
   ScopedEnv env("LE_DRIVER_PREFER_MP4", "1");
   EXPECT_EQ(DriverCursor::mp4MemberPath(m), path);
-  std::string what;
-  const std::string err = le::test::captureStderr([&] { what = errorOf([&] { DriverCursor::open(m, 2, 11); }); });
+  std::unique_ptr<DriverCursor> c;
+  const std::string err = le::test::captureStderr([&] { c = DriverCursor::open(m, 2, 11); });
   EXPECT_EQ(err,
             "[le-driver] LE_DRIVER_PREFER_MP4=1 — target_frames/ is populated and NOT used; target_frames.mp4 is the "
-            "member this consumer reads\n");
-  EXPECT_EQ(what, movieRefusal(path, "driver movie"));
+            "member this consumer reads\n" +
+                movieLine("target_frames.mp4", 64, 48));
+  EXPECT_EQ(c->backend, "mp4/ffmpeg y420");
+  expectTheFourFrames(*c);
 }
 
 TEST(DriverOpen, PreferringAMissingMovieKeepsTheJpegs) {
@@ -226,7 +240,9 @@ TEST(DriverOpen, ManifestNamesForTheDirectoryAndTheMovie) {
   EXPECT_EQ(frameIndex(out.data(), 64), 2);
 
   const le::Manifest movie = le::loadManifest(driverCase("custom_mp4"), 0);
-  EXPECT_EQ(errorOf([&] { openQuiet(movie, 2, 11); }), movieRefusal(movie.bundle_dir + "/body.mp4", "driver movie"));
+  std::unique_ptr<DriverCursor> m4;
+  EXPECT_EQ(le::test::captureStderr([&] { m4 = DriverCursor::open(movie, 2, 11); }), movieLine("body.mp4", 64, 48));
+  expectTheFourFrames(*m4);
   EXPECT_EQ(DriverCursor::mp4MemberPath(movie), movie.bundle_dir + "/body.mp4");
 
   const le::Manifest empty = le::loadManifest(driverCase("empty_names"), 0);
@@ -240,10 +256,12 @@ TEST(DriverOpen, APublishedOutputPlaysItsMovieAndNeverTheJpegs) {
   const std::string path = m.bundle_dir + "/driver_24.mp4";
   EXPECT_EQ(DriverCursor::mp4MemberPath(m), path);
   ScopedEnv env("LE_DRIVER_PREFER_MP4", "1");  // and no preference line for a published driver
-  std::string what;
-  const std::string err = le::test::captureStderr([&] { what = errorOf([&] { DriverCursor::open(m, 2, 11); }); });
-  EXPECT_EQ(err, "");
-  EXPECT_EQ(what, movieRefusal(path, "driver movie"));
+  std::unique_ptr<DriverCursor> c;
+  const std::string err = le::test::captureStderr([&] { c = DriverCursor::open(m, 2, 11); });
+  EXPECT_EQ(err, movieLine("driver_24.mp4", 32, 24));
+  EXPECT_EQ(c->w, 32);
+  EXPECT_EQ(c->h, 24);
+  expectTheFourFrames(*c);
 }
 
 TEST(DriverOpen, ThePriorMovie) {
@@ -255,13 +273,23 @@ TEST(DriverOpen, ThePriorMovie) {
   EXPECT_EQ(errorOf([&] { DriverCursor::openPrior(missing, 2, 11); }),
             "this bundle carries neither a raw P.f16 nor prior.mov (" + missing.bundle_dir +
                 "/prior.mov) — there is no warp prior to play. REFUSING to create a session.");
+  // Present under either name, and not a movie at all.
   const le::Manifest present = le::loadManifest(dataPath("priors/hevc_present"), 0);
   EXPECT_EQ(errorOf([&] { DriverCursor::openPrior(present, 2, 11); }),
-            movieRefusal(present.bundle_dir + "/prior.mov", "warp prior movie"));
+            "le_driver: " + present.bundle_dir + "/prior.mov has no video track — refusing");
   const le::Manifest canonical = le::loadManifest(dataPath("priors/hevc_canonical"), 0);
   EXPECT_EQ(errorOf([&] { DriverCursor::openPrior(canonical, 2, 11); }),
-            movieRefusal(canonical.bundle_dir + "/source_frames.hevc", "warp prior movie"));
-  EXPECT_FALSE(le::movieDecoderBuild().empty());
+            "le_driver: " + canonical.bundle_dir + "/source_frames.hevc has no video track — refusing");
+  // A playable one says where it plays from.
+  const le::Manifest movie = le::loadManifest(dataPath("frames/identity/hevc_prior_named"), 0);
+  std::unique_ptr<DriverCursor> c;
+  const std::string err = le::test::captureStderr([&] { c = DriverCursor::openPrior(movie, 2, 11); });
+  EXPECT_EQ(err,
+            "Kestrova: identity source ready — 4 frames 32x32, played straight from prior.mov (hevc444/ffmpeg x444); "
+            "nothing is unpacked to disk\n");
+  EXPECT_EQ(c->frame_bytes, 32u * 32u * 6u);
+  EXPECT_EQ(c->ringSlots(), 14);
+  EXPECT_EQ(le::movieDecoderBuild().rfind("FFmpeg (libavformat ", 0), 0u) << le::movieDecoderBuild();
 }
 
 TEST(JpgDirSource, TheSourceOnItsOwn) {

@@ -7,7 +7,7 @@ Layout under OUT_DIR/frames:
   identity/<case>/   the sample's members with one change each (sizes,
                      prior forms, paste-space stamps, drive tables, mask)
   driver/<case>/     a manifest and a driver: JPEG directories, movie
-                     members, broken frames
+                     members (written by ffmpeg, movie_data.py), broken frames
 
 Large members of the cases (pooled64.f16, fs_red.f16) are written as sparse
 files: the exact length, zeros, and two marker bytes at the start of each
@@ -148,10 +148,10 @@ def write_identity_cases(root, sample):
     case("both_priors", {"fs_red.f16": Sparse(nt * FS_RED_ROW, FS_RED_ROW)})
     case("fs_red_only", {"fs_red.f16": Sparse(nt * FS_RED_ROW, FS_RED_ROW)}, drop=["P.f16"])
     case("fs_red_short", {"fs_red.f16": Sparse(nt * FS_RED_ROW - 1, FS_RED_ROW)})
-    case("hevc_prior", {"P_hevc.mov": b"a movie arrives with FFmpeg playback"}, drop=["P.f16"],
-         P_hevc="P_hevc.mov")
-    case("hevc_prior_named", {"prior.mov": b"a movie arrives with FFmpeg playback"}, drop=["P.f16"],
-         P_hevc="prior.mov")
+    from movie_data import prior_movie_bytes
+    movie = prior_movie_bytes(nt, crop, 5)
+    case("hevc_prior", {"P_hevc.mov": movie}, drop=["P.f16"], P_hevc="P_hevc.mov")
+    case("hevc_prior_named", {"prior.mov": movie}, drop=["P.f16"], P_hevc="prior.mov")
     # Paste-space stamps: twice the canvas (every element halves), and 3/2
     # of it (a factor of 2/3 that rounds).
     case("stamp_double", M_src_w=2 * base_m["W"], M_src_h=2 * base_m["H"])
@@ -176,13 +176,15 @@ def write_driver_cases(root, sample):
     case("corrupt", dict(four, **{"target_frames/frame_000002.jpg": b"this is not a JPEG"}))
     case("none", {})
     case("missing_last", {k: v for k, v in four.items() if not k.endswith("3.jpg")})
-    case("mp4_only", {"target_frames.mp4": b"a movie arrives with FFmpeg playback"})
-    case("both", dict(four, **{"target_frames.mp4": b"a movie arrives with FFmpeg playback"}))
+    from movie_data import driver_movie_bytes
+    movie = driver_movie_bytes(4, w, h)
+    case("mp4_only", {"target_frames.mp4": movie})
+    case("both", dict(four, **{"target_frames.mp4": movie}))
     case("custom_names", driver_frames(4, w, h, "body"), target_frames="body", target_frames_mp4="body.mp4")
-    case("custom_mp4", {"body.mp4": b"a movie arrives with FFmpeg playback"}, target_frames_mp4="body.mp4")
+    case("custom_mp4", {"body.mp4": movie}, target_frames_mp4="body.mp4")
     case("empty_names", four, target_frames="", target_frames_mp4="")
     outputs = {"24": {"width": w // 2, "height": h // 2, "driver_mp4": "driver_24.mp4"}}
-    case("published", dict(four, **{"driver_24.mp4": b"a movie arrives with FFmpeg playback"}), outputs=outputs)
+    case("published", dict(four, **{"driver_24.mp4": driver_movie_bytes(4, w // 2, h // 2)}), outputs=outputs)
 
 
 def write_frames_cases(root, sample):

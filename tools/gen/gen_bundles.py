@@ -12,6 +12,7 @@ Layout of OUT_DIR:
   containers/*.imx     IMX containers: valid ones and one broken variant each
   audio/               speech encoders, clips and streaming-model bundles
                        (audio_graphs.py)
+  movies/              movie members written by ffmpeg (see movie_data.py)
 
 Later data (tensors, driver frames, graphs, audio, teeth) joins as new
 builders beside these; each writes only under its own folder.
@@ -25,6 +26,7 @@ import sys
 from bundle_data import Bundle, sample_bundle, manifest_text
 import imx
 import lip_data
+import movie_data
 import frames_data
 import audio_graphs
 import graphs
@@ -137,6 +139,7 @@ def main():
     render_graphs.write_cases(os.path.join(out, "render"), sample)
     audio_graphs.write_cases(os.path.join(out, "audio"), sample)
     teeth_data.write_cases(os.path.join(out, "teeth"))
+    movie_data.write_cases(os.path.join(out, "movies"), sample)
 
 
 if __name__ == "__main__":
