@@ -6,7 +6,8 @@ Debian's python3-skimage; tools/demo/fetch_photo.sh extracts just that file).
 No learned face model exists here, so nothing in this bundle is learned:
   - the canvas is the photograph scaled by 1.5 (768 x 768); the driver loop
     is 50 frames of it with a subtle idle motion (the torso breathes, the
-    head follows a little, the eyes blink once);
+    head follows a little, the eyes blink once), as JPEG frames and as an
+    H.264 movie member (LE_DRIVER_PREFER_MP4=1 plays that);
   - 21 keypoints are placed by hand on the photograph's face; rows 16 to 20
     are the mouth (16 chin, 17 upper lip, 18 lower lip, 19 left corner,
     20 right corner), as the streaming speech model moves them;
@@ -134,6 +135,21 @@ def jpeg(rgb):
     out = io.BytesIO()
     Image.fromarray(rgb).save(out, format="JPEG", quality=92, subsampling=0, optimize=False, progressive=False)
     return out.getvalue()
+
+
+def movie(frames):
+    """The driver loop as an H.264 movie member (8-bit 4:2:0), written by the
+    ffmpeg command, for hosts that play the driver from a movie."""
+    import subprocess
+    import tempfile
+    with tempfile.TemporaryDirectory() as tmp:
+        path = tmp + "/driver.mp4"
+        subprocess.run(["ffmpeg", "-v", "error", "-f", "rawvideo", "-pix_fmt", "rgb24", "-s", "%dx%d" % (W, H), "-r",
+                        "25", "-i", "-", "-c:v", "libx264", "-preset", "veryfast", "-crf", "16", "-pix_fmt",
+                        "yuv420p", "-bf", "0", "-threads", "1", path],
+                       input=b"".join(f.tobytes() for f in frames), check=True)
+        with open(path, "rb") as f:
+            return f.read()
 
 
 def soft_ellipse(cx, cy, rx, ry, edge):
@@ -308,6 +324,7 @@ def demo_bundle(photo_path, out):
         "lip_template.v1.json": lip_template(member, structure),
     }
     members.update({"target_frames/frame_%06d.jpg" % i: jpeg(f) for i, f in enumerate(frames)})
+    members["target_frames.mp4"] = movie(frames)
     members.update(speech_members())
     Bundle(manifest, members).write_dir(out)
 
