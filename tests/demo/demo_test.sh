@@ -17,7 +17,7 @@ export W2V_ONNX=$data/audio/w2v/w2v.onnx KESTROVA_ENGINE_QUIET=1
 /usr/bin/python3 "$src/tools/gen/demo_avatar.py" "$build/photo/astronaut.png" "$tmp/astronaut"
 "$build/tools/le-bundle" info "$tmp/astronaut" >"$tmp/info.txt" 2>&1 || fail "the demo bundle is refused: $(cat "$tmp/info.txt")"
 # Its driver loop plays from the movie member too.
-LE_DRIVER_PREFER_MP4=1 "$build/tools/le-bundle" render "$tmp/astronaut" 3 "$tmp/movie_frames" >"$tmp/render.txt" 2>&1 ||
+LE_DRIVER_PREFER_MP4=1 "$build/tools/le-bundle" render --model b1_fp32 "$tmp/astronaut" 3 "$tmp/movie_frames" >"$tmp/render.txt" 2>&1 ||
   fail "the demo's movie driver: $(cat "$tmp/render.txt")"
 grep -q 'mp4/ffmpeg' "$tmp/render.txt" || fail "the movie member was not played: $(cat "$tmp/render.txt")"
 
