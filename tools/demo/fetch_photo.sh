@@ -6,7 +6,7 @@
 #
 #   tools/demo/fetch_photo.sh OUT.png
 set -euo pipefail
-out=${1:?usage: fetch_photo.sh OUT.png}
+out=$(realpath -m "${1:?usage: fetch_photo.sh OUT.png}")
 [ -s "$out" ] && exit 0
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
