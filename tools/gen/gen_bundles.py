@@ -12,6 +12,8 @@ Layout of OUT_DIR:
   containers/*.imx     IMX containers: valid ones and one broken variant each
   audio/               speech encoders, clips and streaming-model bundles
                        (audio_graphs.py)
+  motion/              bundles and directories of the motion pipeline and
+                       the batch session (motion_graphs.py)
 
 Later data (tensors, driver frames, graphs, audio, teeth) joins as new
 builders beside these; each writes only under its own folder.
@@ -27,6 +29,7 @@ import imx
 import lip_data
 import frames_data
 import audio_graphs
+import motion_graphs
 import graphs
 import ops_graphs
 import render_graphs
@@ -135,6 +138,7 @@ def main():
     ops_graphs.write_cases(os.path.join(out, "ops"))
     render_graphs.write_cases(os.path.join(out, "render"), sample)
     audio_graphs.write_cases(os.path.join(out, "audio"), sample)
+    motion_graphs.write_cases(os.path.join(out, "motion"), sample)
 
 
 if __name__ == "__main__":
