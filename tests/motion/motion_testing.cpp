@@ -47,23 +47,34 @@ PlainGraph::PlainGraph(const std::string& path) : env_(ORT_LOGGING_LEVEL_ERROR, 
   session_ = Ort::Session(env_, path.c_str(), o);
   Ort::AllocatorWithDefaultOptions a;
   for (size_t i = 0; i < session_.GetInputCount(); ++i) in_.emplace_back(session_.GetInputNameAllocated(i, a).get());
-  out_.emplace_back(session_.GetOutputNameAllocated(0, a).get());
+  for (size_t i = 0; i < session_.GetOutputCount(); ++i)
+    out_.emplace_back(session_.GetOutputNameAllocated(i, a).get());
 }
 
 std::vector<float> PlainGraph::run(const std::vector<std::vector<float>*>& inputs,
                                    const std::vector<std::vector<int64_t>>& shapes) {
+  return runAll(inputs, shapes)[0];
+}
+
+std::vector<std::vector<float>> PlainGraph::runAll(const std::vector<std::vector<float>*>& inputs,
+                                                   const std::vector<std::vector<int64_t>>& shapes) {
   const Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
   std::vector<Ort::Value> values;
-  std::vector<const char*> names;
+  std::vector<const char*> names, outs;
   for (size_t i = 0; i < inputs.size(); ++i) {
     values.push_back(Ort::Value::CreateTensor<float>(mem, inputs[i]->data(), inputs[i]->size(), shapes[i].data(),
                                                      shapes[i].size()));
     names.push_back(in_[i].c_str());
   }
-  const char* out = out_[0].c_str();
-  std::vector<Ort::Value> r = session_.Run(Ort::RunOptions{nullptr}, names.data(), values.data(), values.size(), &out, 1);
-  const float* p = r[0].GetTensorData<float>();
-  return std::vector<float>(p, p + r[0].GetTensorTypeAndShapeInfo().GetElementCount());
+  for (const std::string& o : out_) outs.push_back(o.c_str());
+  std::vector<Ort::Value> r =
+      session_.Run(Ort::RunOptions{nullptr}, names.data(), values.data(), values.size(), outs.data(), outs.size());
+  std::vector<std::vector<float>> got;
+  for (const Ort::Value& v : r) {
+    const float* p = v.GetTensorData<float>();
+    got.emplace_back(p, p + v.GetTensorTypeAndShapeInfo().GetElementCount());
+  }
+  return got;
 }
 
 }  // namespace le::test

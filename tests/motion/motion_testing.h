@@ -46,6 +46,9 @@ class PlainGraph {
   explicit PlainGraph(const std::string& path);
   std::vector<float> run(const std::vector<std::vector<float>*>& inputs,
                          const std::vector<std::vector<int64_t>>& shapes);
+  // Every output, in graph order.
+  std::vector<std::vector<float>> runAll(const std::vector<std::vector<float>*>& inputs,
+                                         const std::vector<std::vector<int64_t>>& shapes);
 
  private:
   Ort::Env env_;
