@@ -67,6 +67,7 @@ import numpy as np
 from onnx import helper
 
 import audio_graphs
+import frames_data
 import render_graphs
 import speech_clip
 from bundle_data import Bundle, Rng, f32
@@ -417,6 +418,7 @@ def bench_bundle(out, crop):
     extra.update(render_key_members(template, member))
     extra["fca_stream.onnx"] = fca_graph()
     extra["xs_target.bin"] = f32([(rng.unit() * 2 - 1) * 0.5 for _ in range(nt * KP)])
+    extra.update(frames_data.driver_frames(nt, crop, crop))
     Bundle(None, extra).write_dir(out)
 
 
