@@ -7,8 +7,11 @@
 // they take it: rows per second, and the first row's latency, as audio
 // pushed before it could leave and as compute time from the first push.
 //
-// Bundles and the clip are generated at run time into a temporary directory
-// (tools/gen/motion_graphs.py bench, tools/gen/speech_clip.py). W2V_ONNX must
+// Bundles (1280x720 driver, tools/gen/motion_graphs.py bench on top of
+// tools/gen/session_bench.py) and the clip (tools/gen/speech_clip.py) are
+// generated at run time into a temporary directory. The live session renders
+// with the bundle's chunk graph (b4_fp32) after each utterance's first frame,
+// its fastest road; the batch session renders frame by frame. W2V_ONNX must
 // name a generated speech encoder, e.g. build/tests/data/audio/w2v/w2v.onnx
 // with its short-window pair beside it.
 #include <chrono>
@@ -80,6 +83,7 @@ Figures live(const std::string& dir, const std::vector<int16_t>& pcm, int thread
   le_utt_opts o{};
   o.motion_dir = dir.c_str();
   o.threads = threads;
+  o.steady_model = "b4_fp32";
   le_utt* utt = le_utt_create(ctx, &o);
   if (!utt) {
     le_destroy(ctx);

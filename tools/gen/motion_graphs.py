@@ -67,8 +67,8 @@ import numpy as np
 from onnx import helper
 
 import audio_graphs
-import frames_data
 import render_graphs
+import session_bench
 import speech_clip
 from bundle_data import Bundle, Rng, f32
 from graphs import IR_VERSION, OPSET, _f32, _init, _value
@@ -404,21 +404,17 @@ def write_cases(root, sample):
 
 
 def bench_bundle(out, crop):
-    """render_graphs' benchmark bundle with every speech member added."""
-    render_graphs.bench_bundle(out, crop)
-    with open(os.path.join(out, "manifest.json"), encoding="utf-8") as f:
-        nt = json.load(f)["NT"]
+    """session_bench.py's bundle (a 1280x720 driver loop, the director at
+    the crop with its chunk graph, the streaming a2x members) with the
+    motion directory, fca_stream.onnx and the director under "render" too."""
+    session_bench.bench_bundle(out, crop)
     with open(os.path.join(out, "lip_template.v1.json"), encoding="utf-8") as f:
         template = f.read()
     with open(os.path.join(out, "model_%s.onnx" % render_graphs.SAMPLE_KEY), "rb") as f:
         member = f.read()
-    rng = Rng(0xBE4D + crop)
-    extra = dict(audio_graphs.sample_members())
-    extra.update(motion_members(nt))
+    extra = motion_members(session_bench.NT)
     extra.update(render_key_members(template, member))
     extra["fca_stream.onnx"] = fca_graph()
-    extra["xs_target.bin"] = f32([(rng.unit() * 2 - 1) * 0.5 for _ in range(nt * KP)])
-    extra.update(frames_data.driver_frames(nt, crop, crop))
     Bundle(None, extra).write_dir(out)
 
 
