@@ -121,6 +121,7 @@ struct le_motion {
   void restoreRes();
   void advanceChunks();
   void buildFinal();
+  void limit(float* y) const;  // each dim into [vmin, vmax]
   void eagerAdvance();
   void eagerWindows(int F);
   void eagerChunks(int F);

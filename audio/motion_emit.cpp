@@ -67,12 +67,7 @@ void le_motion::motionRowOf(int f, float* y) const {
     for (int r = r0; r <= r1; ++r) sum += res[static_cast<size_t>(r) * kMotionDim + static_cast<size_t>(d)];
     y[d] = sum / count;
   }
-  for (int d = 0; d < kMotionDim; ++d) {
-    float v = y[d];
-    v = vmin[static_cast<size_t>(d)] < v ? v : vmin[static_cast<size_t>(d)];
-    v = v < vmax[static_cast<size_t>(d)] ? v : vmax[static_cast<size_t>(d)];
-    y[d] = v;
-  }
+  limit(y);
 }
 
 void le_motion::emitFrame(const float* y, int r, float* xs, float* xd) {

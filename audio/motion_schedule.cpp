@@ -193,17 +193,19 @@ void le_motion::buildFinal() {
   dump("res_post.bin", res.data(), res.size(), false);
   smooth(0, resRows);
   finalRows = res;
-  for (int r = 0; r < resRows; ++r) {
-    float* y = rowOf(finalRows, r, kMotionDim);
-    for (int d = 0; d < kMotionDim; ++d) {
-      float v = y[d];
-      v = vmin[static_cast<size_t>(d)] < v ? v : vmin[static_cast<size_t>(d)];
-      v = v < vmax[static_cast<size_t>(d)] ? v : vmax[static_cast<size_t>(d)];
-      y[d] = v;
-    }
-  }
+  for (int r = 0; r < resRows; ++r) limit(rowOf(finalRows, r, kMotionDim));
   finalBuilt = true;
   dump("final.bin", finalRows.data(), finalRows.size(), false);
+}
+
+void le_motion::limit(float* y) const {
+  // As written, so that a NaN comes out as the lower limit.
+  for (int d = 0; d < kMotionDim; ++d) {
+    float v = y[d];
+    v = vmin[static_cast<size_t>(d)] < v ? v : vmin[static_cast<size_t>(d)];
+    v = v < vmax[static_cast<size_t>(d)] ? v : vmax[static_cast<size_t>(d)];
+    y[d] = v;
+  }
 }
 
 void le_motion::eagerAdvance() {

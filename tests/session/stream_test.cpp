@@ -16,6 +16,7 @@
 #include "le/le.h"
 #include "le/le_fca.h"
 #include "le/le_stream.h"
+#include "tests/motion/motion_testing.h"
 #include "tests/session/session_testing.h"
 #include "tests/support/test_support.h"
 
@@ -23,12 +24,6 @@ namespace {
 
 std::string speaking() { return le::test::dataPath("motion/bundles/speaking"); }
 std::string w2v() { return le::test::dataPath("audio/w2v/w2v.onnx"); }
-
-std::vector<float> floats(const std::vector<int16_t>& pcm, size_t n = SIZE_MAX) {
-  std::vector<float> out(std::min(n, pcm.size()));
-  for (size_t i = 0; i < out.size(); ++i) out[i] = static_cast<float>(pcm[i]) * 3.0517578e-5f;
-  return out;
-}
 
 struct Seen {
   std::vector<int> index;
@@ -140,7 +135,7 @@ void expectFramesOfRows(const std::vector<float>& pcm, int lag, float gain, cons
 }
 
 TEST(StreamRun, EveryFrameInOrderOnTheCallingThread) {
-  const std::vector<float> pcm = floats(le::test::clip("speech_3s.wav"));
+  const std::vector<float> pcm = le::test::clipFloats("speech_3s.wav");
   Stream st(speaking(), 0, 1.0f);
   Seen seen;
   EXPECT_EQ(runGuarded(st.s, pcm, &seen), 75);
@@ -161,21 +156,21 @@ TEST(StreamRun, EveryFrameInOrderOnTheCallingThread) {
 }
 
 TEST(StreamRun, LagAndClipLengths) {
-  const std::vector<int16_t> clip = le::test::clip("speech_3s.wav");
+  const auto clip = [](size_t n) { return le::test::clipFloats("speech_3s.wav", n); };
   Stream st(speaking(), 0, 1.0f);
   for (const auto& [n, want] : {std::pair<size_t, int>{640, 1}, {641, 2}, {0, 0}}) {
     Seen seen;
-    EXPECT_EQ(runGuarded(st.s, floats(clip, n), &seen), want) << n;
+    EXPECT_EQ(runGuarded(st.s, clip(n), &seen), want) << n;
     EXPECT_EQ(static_cast<int>(seen.index.size()), want);
   }
   // A null callback still renders every frame.
-  EXPECT_EQ(runGuarded(st.s, floats(clip, 6400), nullptr), 10);
+  EXPECT_EQ(runGuarded(st.s, clip(6400), nullptr), 10);
 
   Stream lagged(speaking(), 3, 0.5f);
   Seen none;
-  EXPECT_EQ(runGuarded(lagged.s, floats(clip, 3 * 640), &none), 0);  // lag equal to the frames
+  EXPECT_EQ(runGuarded(lagged.s, clip(3 * 640), &none), 0);  // lag equal to the frames
   EXPECT_TRUE(none.index.empty());
-  const std::vector<float> pcm = floats(clip, 20 * 640 + 1);
+  const std::vector<float> pcm = clip(20 * 640 + 1);
   Seen seen;
   EXPECT_EQ(runGuarded(lagged.s, pcm, &seen), 21 - 3);
   expectFramesOfRows(pcm, 3, 0.5f, seen);
@@ -188,7 +183,7 @@ TEST(StreamRun, RenderFailureEndsTheRun) {
   Stream st(tmp / "b", 0, 1.0f);
   ASSERT_NE(st.s, nullptr);
   Seen seen;
-  EXPECT_EQ(runGuarded(st.s, floats(le::test::clip("speech_3s.wav")), &seen), -1);
+  EXPECT_EQ(runGuarded(st.s, le::test::clipFloats("speech_3s.wav"), &seen), -1);
   EXPECT_STREQ(le_stream_last_error(), "le_stream_run: render/paste failed");
   EXPECT_TRUE(seen.index.empty());
   EXPECT_STREQ(le_last_error(), "");  // the render error stays on the render thread
@@ -202,7 +197,7 @@ TEST(StreamRun, PasteFailureEndsTheRun) {
   ASSERT_NE(st.s, nullptr);
   Seen seen;
   seen.keep = false;
-  EXPECT_EQ(runGuarded(st.s, floats(le::test::clip("speech_3s.wav")), &seen), -1);
+  EXPECT_EQ(runGuarded(st.s, le::test::clipFloats("speech_3s.wav"), &seen), -1);
   EXPECT_STREQ(le_stream_last_error(), "le_stream_run: render/paste failed");
   // Frames of source rows 0 and 1 at most: the driver can't give row 2.
   EXPECT_LE(seen.index.size(), 2u);
