@@ -38,13 +38,14 @@ struct Ring {
   }
 };
 
-// Joins the render thread on every way out of the run.
+// Leaving the run by an exception stops the render thread and joins it; the
+// normal way out has joined it already.
 struct Joiner {
   std::thread& t;
   Ring& ring;
   ~Joiner() {
     if (!t.joinable()) return;
-    ring.fail();  // a no-op for a run that ended normally: the thread is done
+    ring.fail();
     t.join();
   }
 };
