@@ -1,19 +1,14 @@
 #include "session/motion_family.h"
 
 #include "le/le_a2x.h"
+#include "le/le_motion.h"
 
 namespace le::session {
 
 namespace {
 
 le_a2x* A(void* m) { return static_cast<le_a2x*>(m); }
-
-// The motion pipeline has not joined this build yet: a bundle without the
-// streaming encoder gets a session whose warm-up fails with this sentence,
-// so idle frames still flow and the host is told why speech can't.
-const char* noMotionText() {
-  return "le_motion_create: this build has no motion pipeline; the bundle carries no a2x_enc_stream.onnx";
-}
+le_motion* M(void* m) { return static_cast<le_motion*>(m); }
 
 }  // namespace
 
@@ -37,16 +32,18 @@ const MotionFamily& a2xFamily() {
 const MotionFamily& motionFamily() {
   static const MotionFamily f{
       "le_motion",
-      [](const char*, int, const char*) -> void* { return nullptr; },
-      [](void*) {},
-      [](void*, int) {},
-      [](void*, int, int, int) {},
-      [](void*, const float*, int) {},
-      [](void*) {},
-      [](void*) { return 0; },
-      [](void*, int*, float*, float*, int) { return 0; },
-      [](void*) { return -1; },
-      [] { return noMotionText(); },
+      [](const char* dir, int threads, const char* ep) -> void* { return le_motion_create(dir, threads, ep); },
+      [](void* m) { le_motion_destroy(M(m)); },
+      [](void* m, int v) { le_motion_set_eager(M(m), v); },
+      [](void* m, int si, int dir, int loop) { le_motion_reset(M(m), si, dir, loop); },
+      // Audio after the end of an utterance is refused by the pipeline; the
+      // session goes on without it.
+      [](void* m, const float* pcm, int n) { le_motion_push(M(m), pcm, n); },
+      [](void* m) { le_motion_finish(M(m)); },
+      [](void* m) { return le_motion_avail(M(m)); },
+      [](void* m, int* si, float* xs, float* xd, int n) { return le_motion_pull(M(m), si, xs, xd, n); },
+      [](void* m) { return le_motion_total(M(m)); },
+      [] { return le_motion_last_error(); },
   };
   return f;
 }

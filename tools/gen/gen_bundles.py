@@ -13,6 +13,8 @@ Layout of OUT_DIR:
   audio/               speech encoders, clips and streaming-model bundles
                        (audio_graphs.py)
   movies/              movie members written by ffmpeg (see movie_data.py)
+  motion/              bundles and directories of the motion pipeline and
+                       the batch session (motion_graphs.py)
 
 Later data (tensors, driver frames, graphs, audio, teeth) joins as new
 builders beside these; each writes only under its own folder.
@@ -29,6 +31,7 @@ import lip_data
 import movie_data
 import frames_data
 import audio_graphs
+import motion_graphs
 import graphs
 import ops_graphs
 import render_graphs
@@ -140,6 +143,7 @@ def main():
     audio_graphs.write_cases(os.path.join(out, "audio"), sample)
     teeth_data.write_cases(os.path.join(out, "teeth"))
     movie_data.write_cases(os.path.join(out, "movies"), sample)
+    motion_graphs.write_cases(os.path.join(out, "motion"), sample)
 
 
 if __name__ == "__main__":
