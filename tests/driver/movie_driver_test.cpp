@@ -164,8 +164,13 @@ TEST(MovieDriver, TruncatedAndCorruptMembersAreRefusedAtThePullThatReachesThem) 
       }
     }
     ASSERT_FALSE(first.empty()) << "every frame of a broken member was served";
-    EXPECT_EQ(first, "le_driver: le_driver: " + movie(name) + " decode fault at frame " + std::to_string(served) +
-                         ": Invalid data found when processing input");
+    // The decoder thread runs up to the look-ahead (2) past the frame pulled,
+    // and its first failure is thrown to every pull after it.
+    bool named = false;
+    for (int f = served; f <= served + 2; ++f)
+      named = named || first == "le_driver: le_driver: " + movie(name) + " decode fault at frame " +
+                                     std::to_string(f) + ": Invalid data found when processing input";
+    EXPECT_TRUE(named) << first << " (frames served: " << served << ")";
     EXPECT_EQ(errorOf([&] { cursor->pullAt(0, out.data()); }), first);
   }
 }
