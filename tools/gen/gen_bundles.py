@@ -27,6 +27,7 @@ import imx
 import lip_data
 import frames_data
 import audio_graphs
+import cone_graphs
 import graphs
 import ops_graphs
 import render_graphs
@@ -135,6 +136,7 @@ def main():
     ops_graphs.write_cases(os.path.join(out, "ops"))
     render_graphs.write_cases(os.path.join(out, "render"), sample)
     audio_graphs.write_cases(os.path.join(out, "audio"), sample)
+    cone_graphs.write_cases(out, sample)
 
 
 if __name__ == "__main__":
