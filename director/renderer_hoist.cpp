@@ -14,9 +14,13 @@ namespace le {
 namespace {
 
 // The prep session runs on the worker's own thread, on one core: one
-// intra-op thread, no spinning, no thread hook and no custom domain.
+// intra-op thread, no spinning, no thread hook and no custom domain. The
+// prep model carries every initializer of the graph and reads few, so ONNX
+// Runtime's warning for each unread one is all it would have to say below
+// an error.
 Ort::SessionOptions prepOptions() {
   Ort::SessionOptions o;
+  o.SetLogSeverityLevel(ORT_LOGGING_LEVEL_ERROR);
   o.SetIntraOpNumThreads(1);
   o.SetInterOpNumThreads(1);
   o.SetGraphOptimizationLevel(ORT_ENABLE_ALL);

@@ -66,9 +66,18 @@ class _Graph:
 
     def __init__(self):
         self.nodes, self.inits = [], []
+        self.shared = set()
 
     def init(self, name, array):
         self.inits.append(_init(name, array))
+        return name
+
+    def index(self, v):
+        """A one-element int64 constant, shared by every node that needs it."""
+        name = "i64_%d" % v
+        if name not in self.shared:
+            self.shared.add(name)
+            self.init(name, _i64([v]))
         return name
 
     def node(self, op, inputs, output, name, **attrs):
@@ -76,10 +85,7 @@ class _Graph:
         return output
 
     def slice(self, x, out, start, end, axis, name):
-        k = name.replace("/", "_").strip("_")
-        ins = [x, self.init(k + "_starts", _i64([start])), self.init(k + "_ends", _i64([end])),
-               self.init(k + "_axes", _i64([axis]))]
-        return self.node("Slice", ins, out, name)
+        return self.node("Slice", [x, self.index(start), self.index(end), self.index(axis)], out, name)
 
     def second(self, a, b, c, out, name):
         """(a - (b + b)) + c."""
