@@ -498,8 +498,8 @@ def write_cases(out, sample):
 
 def bench_bundle(out, crop):
     """The benchmark's bundle at crop: 8 source frames walked in a loop, and
-    the cone director as "cone" (hoisted), "symbolic" (the same, never
-    hoisted) and the composed reference."""
+    the cone director as "cone" (hoisted) and "symbolic" (the same, never
+    hoisted)."""
     nt, frames = 8, 16
     rng = Rng(0xC0DE + crop)
     manifest = {"format": "le-bundle-v0", "agent": "bench", "NT": nt, "H": crop, "W": crop, "M_src_w": crop,
@@ -519,7 +519,6 @@ def bench_bundle(out, crop):
     members.update(director_members(crop, {"model_cone.onnx": cone,
                                            "model_symbolic.onnx": Director(crop, model=cone_model(
                                                crop, symbolic_prior=True))}))
-    members["composed_cone.onnx"] = cone.composed()
     Bundle(manifest, members).write_dir(out)
 
 
