@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Sets everything up and runs the main job: generate the sample avatar bundle,
-# pack it into a container, open it through the engine, and render frames of
-# its idle loop through the C interface into PNG files.
+# Sets everything up and runs the main job: what a voice-agent host does.
+# It generates the sample avatar bundle and its speech models, packs the
+# bundle into a container, opens it through the engine, starts a live
+# session, pushes a generated speech clip in 20 ms blocks at real-time pace
+# from one thread while another pulls frames at 25 fps and reports how far
+# its audio has played, interrupts once mid-sentence and speaks again. The
+# frames (PNG), the speech (WAV) and an index land under out/live/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -10,4 +14,9 @@ out=out
 build/tools/le-bundle version
 build/tools/le-bundle pack "$out/data/sample" "$out/sample.imx"
 build/tools/le-bundle info "$out/sample.imx"
-build/tools/le-bundle render --model b1_fp32 "$out/sample.imx" 12 "$out/frames"
+# The speech encoder lives outside the bundle, as a host ships it.
+export W2V_ONNX="$PWD/$out/data/audio/w2v/w2v.onnx"
+rm -rf "$out/live"
+build/tools/le-live --interrupt-at 1.6 "$out/sample.imx" "$out/data/audio/clips/speech_10s.wav" "$out/live"
+# The demo: a real face that speaks a sentence, as a movie with sound.
+tools/demo/make_demo.sh "$out"

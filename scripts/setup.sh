@@ -28,7 +28,10 @@ command -v npm >/dev/null || need+=(nodejs npm)
 [ -x /usr/bin/python3 ] || need+=(python3)
 # python3-numpy, python3-onnx and python3-pil serve the test-data generator;
 # libonnx-testdata holds real ONNX models that the graph reader is checked on.
-for p in libhwy-dev libstb-dev libgtest-dev libgmock-dev python3-numpy python3-onnx python3-pil libonnx-testdata; do
+# libswresample, libswscale and espeak-ng serve le-speak (speech from text, any
+# WAV to 16 kHz, frames to an MP4).
+for p in libhwy-dev libstb-dev libgtest-dev libgmock-dev python3-numpy python3-onnx python3-pil libonnx-testdata \
+         libswresample-dev libswscale-dev espeak-ng; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
 done
 if [ ${#need[@]} -gt 0 ]; then

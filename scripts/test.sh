@@ -10,8 +10,6 @@ build=build
 [ "${1:-}" = "--sanitize" ] && build=build-asan
 if [ "${1:-}" = "--tsan" ]; then
   build=build-tsan
-  # One intra-op thread: ONNX Runtime's pool is invisible to the sanitizer.
-  export LE_CORE_THREADS=${LE_CORE_THREADS:-1}
   export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp}
 fi
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}

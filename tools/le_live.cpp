@@ -3,7 +3,7 @@
 // time, another pulls frames at 25 fps and reports how far its audio has
 // played; once mid-sentence the host interrupts and speaks again.
 //
-//   le-live [options] <bundle> <clip.wav> <outdir>
+//   le-live [options] <bundle> <clip> <outdir>
 //     --model KEY         director graph (default b1_fp32)
 //     --steady KEY        chunk renderer ("-" for none; default: the session's)
 //     --interrupt-at S    interrupt the first utterance S seconds in (default 1.6; 0: never)
@@ -25,6 +25,8 @@
 #include <vector>
 
 #include "driver/image_io.h"
+#include "tools/speak/audio_input.h"
+#include "tools/speak/wav_file.h"
 #include "le/le.h"
 #include "le/le_utt.h"
 
@@ -34,59 +36,6 @@ using Clock = std::chrono::steady_clock;
 
 double msSince(Clock::time_point t0) {
   return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-}
-
-// A 16 kHz mono 16-bit PCM WAV file; anything else is refused.
-bool readWav(const std::string& path, std::vector<int16_t>& pcm) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return false;
-  std::vector<uint8_t> b;
-  uint8_t buf[65536];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) b.insert(b.end(), buf, buf + n);
-  std::fclose(f);
-  auto u32 = [&](size_t at) { return uint32_t(b[at]) | uint32_t(b[at + 1]) << 8 | uint32_t(b[at + 2]) << 16 | uint32_t(b[at + 3]) << 24; };
-  auto u16 = [&](size_t at) { return uint16_t(b[at] | b[at + 1] << 8); };
-  if (b.size() < 12 || std::memcmp(b.data(), "RIFF", 4) != 0 || std::memcmp(b.data() + 8, "WAVE", 4) != 0)
-    return false;
-  bool fmt_ok = false;
-  for (size_t at = 12; at + 8 <= b.size();) {
-    const uint32_t len = u32(at + 4);
-    const size_t body = at + 8;
-    if (len > b.size() - body) return false;
-    if (std::memcmp(b.data() + at, "fmt ", 4) == 0 && len >= 16)
-      fmt_ok = u16(body) == 1 && u16(body + 2) == 1 && u32(body + 4) == 16000 && u16(body + 14) == 16;
-    if (std::memcmp(b.data() + at, "data", 4) == 0) {
-      if (!fmt_ok) return false;
-      pcm.resize(len / 2);
-      std::memcpy(pcm.data(), b.data() + body, pcm.size() * 2);
-      return true;
-    }
-    at = body + len + (len & 1);
-  }
-  return false;
-}
-
-void writeWav(const std::string& path, const std::vector<int16_t>& pcm) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) return;
-  auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
-  auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
-  const uint32_t bytes = static_cast<uint32_t>(pcm.size() * 2);
-  std::fwrite("RIFF", 1, 4, f);
-  put32(36 + bytes);
-  std::fwrite("WAVEfmt ", 1, 8, f);
-  put32(16);
-  put16(1);
-  put16(1);
-  put32(16000);
-  put32(32000);
-  put16(2);
-  put16(16);
-  std::fwrite("data", 1, 4, f);
-  put32(bytes);
-  std::fwrite(pcm.data(), 2, pcm.size(), f);
-  std::fclose(f);
 }
 
 struct Pulled {
@@ -112,13 +61,15 @@ int main(int argc, char** argv) {
   }
   if (pos.size() != 3) {
     std::fprintf(stderr, "usage: le-live [--model KEY] [--steady KEY] [--interrupt-at S] [--audio-delay-ms D] [--fast] "
-                         "<bundle> <clip.wav> <outdir>\n");
+                         "<bundle> <clip> <outdir>\n");
     return 2;
   }
   const std::string bundle = pos[0], clip_path = pos[1], outdir = pos[2];
   std::vector<int16_t> clip;
-  if (!readWav(clip_path, clip) || clip.empty()) {
-    std::fprintf(stderr, "le-live: %s is not a 16 kHz mono 16-bit WAV file\n", clip_path.c_str());
+  try {
+    clip = le::speak::readAudio16k(clip_path);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "le-live: %s\n", e.what());
     return 1;
   }
   le_ctx* ctx = le_create(bundle.c_str(), model.c_str(), 0, nullptr);
@@ -231,7 +182,7 @@ int main(int argc, char** argv) {
   le_utt_destroy(utt);
   le_destroy(ctx);
 
-  writeWav(outdir + "/speech.wav", spoken);
+  le::speak::writeWav16k(outdir + "/speech.wav", spoken);
   if (FILE* f = std::fopen((outdir + "/frames.csv").c_str(), "w")) {
     std::fprintf(f, "index,seq,type,si,ordinal,pulled_ms\n");
     for (size_t i = 0; i < pulled.size(); ++i)

@@ -278,6 +278,9 @@ TEST(UttSession, InterruptDropsEverythingAndRampsFromTheLastPulledFrame) {
   const Frame last = f.back();
   ASSERT_EQ(last.info.type, 1);
   le_utt_interrupt(s.utt);
+  // The queue was emptied at once; a ramp frame takes a render and a paste
+  // before it can be there.
+  EXPECT_EQ(le_utt_frames_available(s.utt), 0);
   auto g = pullUntil(s.utt, s.bytes, 20000, [](const std::vector<Frame>& v) {
     return !v.empty() && v.back().info.type == 0;
   });
