@@ -12,8 +12,8 @@
 // frames walked in a loop, a new one every frame), at 1 and 2 threads: the
 // source-cone hoist on and off (off: the same director with P_rgb's size
 // left symbolic, which the hoist can't cut), and the warp node with the warp
-// fuse off and on (LE_WARP_NODE, LE_WARP_FUSE), per frame in milliseconds
-// and allocations, with the ratios side by side.
+// fuse off and on (LE_WARP_NODE, LE_WARP_FUSE): the median milliseconds of a
+// whole render and the allocations per frame, with the ratios side by side.
 #include <onnxruntime_cxx_api.h>
 
 #include <algorithm>
@@ -106,27 +106,32 @@ void benchCrop(const std::string& root, int crop, int threads, int frames) {
               plain.allocsPerFrame, engine.fps / plain.fps);
 }
 
-// The renderer of bundle key `key` under the given warp switches (null:
-// unset), timed over `frames` frames after 3.
-Timing timeCone(const le::Manifest& m, le::Identity& identity, const le::Drive& drive, const char* key, int threads,
-                const char* warpNode, const char* warpFuse, int frames) {
-  auto set = [](const char* name, const char* value) {
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  };
-  set("LE_WARP_NODE", warpNode);
-  set("LE_WARP_FUSE", warpFuse);
-  le::Renderer renderer(m, identity, key, threads, "");
-  set("LE_WARP_NODE", nullptr);
-  set("LE_WARP_FUSE", nullptr);
-  return timeFrames(3, frames, [&](int i) {
-    const auto row = static_cast<size_t>(i % drive.frames);
-    renderer.render(&drive.si[row], drive.xs.data() + row * 63, drive.xd.data() + row * 63, 1);
-  });
-}
+// One renderer of the cone bundle under its switches, with its frames so far.
+struct ConeRun {
+  const char* key;
+  const char* warpNode;  // null: unset
+  const char* warpFuse;
+  std::unique_ptr<le::Renderer> renderer;
+  int row = 0;  // its own walk through the drive rows
+  std::vector<double> ms;
+  uint64_t allocs = 0;
 
+  void frame(const le::Drive& drive) {
+    const auto r = static_cast<size_t>(row++ % drive.frames);
+    renderer->render(&drive.si[r], drive.xs.data() + r * 63, drive.xd.data() + r * 63, 1);
+  }
+  double median() {
+    std::sort(ms.begin(), ms.end());
+    return ms[ms.size() / 2];
+  }
+  double allocsPerFrame() const { return static_cast<double>(allocs) / static_cast<double>(ms.size()); }
+};
+
+// The four renderers take turns, a block of frames each, so that the load
+// of a shared machine falls on all of them alike. A block begins with one
+// untimed frame, which also takes what the block before left running (a
+// prefetch); allocations are counted over the timed frames, which in the
+// steady state hold one prefetch each.
 void benchConeCrop(const std::string& root, int crop, int frames) {
   const std::string dir = root + "/cone" + std::to_string(crop);
   const std::string cmd = std::string("/usr/bin/python3 ") + LE_SOURCE_DIR + "/tools/gen/cone_graphs.py bench " +
@@ -136,17 +141,44 @@ void benchConeCrop(const std::string& root, int crop, int frames) {
   const le::Manifest m = le::loadManifest(dir, 0);
   le::Identity identity(m);
   const le::Drive drive = le::loadDrive(m);
+  auto set = [](const char* name, const char* value) {
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  };
+  constexpr int kBlock = 5;
   for (const int threads : {1, 2}) {
-    const Timing on = timeCone(m, identity, drive, "cone", threads, nullptr, nullptr, frames);
-    const Timing off = timeCone(m, identity, drive, "symbolic", threads, nullptr, nullptr, frames);
-    const Timing node = timeCone(m, identity, drive, "cone", threads, "1", nullptr, frames);
-    const Timing fused = timeCone(m, identity, drive, "cone", threads, "1", "1", frames);
+    ConeRun runs[4] = {{"cone", nullptr, nullptr},  // hoisted
+                       {"symbolic", nullptr, nullptr},
+                       {"cone", "1", nullptr},
+                       {"cone", "1", "1"}};
+    for (ConeRun& r : runs) {
+      set("LE_WARP_NODE", r.warpNode);
+      set("LE_WARP_FUSE", r.warpFuse);
+      r.renderer = std::make_unique<le::Renderer>(m, identity, r.key, threads, "");
+      for (int i = 0; i < 2; ++i) r.frame(drive);
+    }
+    set("LE_WARP_NODE", nullptr);
+    set("LE_WARP_FUSE", nullptr);
+    for (int done = 0; done < frames; done += kBlock)
+      for (ConeRun& r : runs) {
+        r.frame(drive);
+        const uint64_t a0 = allocations();
+        for (int i = 0; i < kBlock && done + i < frames; ++i) {
+          const auto t0 = std::chrono::steady_clock::now();
+          r.frame(drive);
+          r.ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+        }
+        r.allocs += allocations() - a0;
+      }
+    ConeRun &on = runs[0], &off = runs[1], &node = runs[2], &fused = runs[3];
+    const double onMs = on.median(), offMs = off.median(), nodeMs = node.median(), fusedMs = fused.median();
     std::printf("crop %3d, %d thread%s | hoist on %7.2f ms (%5.1f allocs) | hoist off %7.2f ms (%5.1f allocs) | "
                 "off/on %.2fx | warp node, fuse off %7.2f ms (%5.1f allocs) | fuse on %7.2f ms (%5.1f allocs) | "
                 "off/on %.2fx\n",
-                crop, threads, threads == 1 ? " " : "s", on.medianMs, on.allocsPerFrame, off.medianMs,
-                off.allocsPerFrame, off.medianMs / on.medianMs, node.medianMs, node.allocsPerFrame, fused.medianMs,
-                fused.allocsPerFrame, node.medianMs / fused.medianMs);
+                crop, threads, threads == 1 ? " " : "s", onMs, on.allocsPerFrame(), offMs, off.allocsPerFrame(),
+                offMs / onMs, nodeMs, node.allocsPerFrame(), fusedMs, fused.allocsPerFrame(), nodeMs / fusedMs);
   }
 }
 

@@ -173,13 +173,14 @@ void Renderer::Impl::createSession(const std::string& workingEp) {
     std::string why;
     const size_t removed = rewriteWarpBlockToCustomOp(bytes, why);
     warpReplaced = removed > 0;
-    if (warpReplaced) {
-      std::fprintf(diag_stream(), "[le] director warp -> com.kestrova::WarpDirector (%zu nodes removed, the source cone with them)\n",
+    if (warpReplaced)
+      std::fprintf(diag_stream(),
+                   "[le] director warp -> com.kestrova::WarpDirector (%zu nodes removed, the source cone with them)\n",
                    removed);
-    } else {
-      std::fprintf(stderr, "[le] director warp NOT moved to one node (%s) — the graph loads exactly as it did before\n",
+    else
+      std::fprintf(stderr,
+                   "[le] director warp NOT moved to one node (%s) — the graph loads exactly as it did before\n",
                    why.empty() ? "no reason given" : why.c_str());
-    }
   }
   if (warpReplaced && envOn("LE_WARP_FUSE")) {
     const bool verify = std::strcmp(envText("LE_WARP_FUSE"), "verify") == 0;

@@ -34,7 +34,8 @@ SourceConeRing::Slot& SourceConeRing::acquire(int si) {
   std::unique_lock<std::mutex> lock(m_);
   slotInUse_ = -1;
   for (;;) {
-    if (!prepError_.empty()) throw std::runtime_error("Renderer: the hoisted source cone failed in ORT — " + prepError_);
+    if (!prepError_.empty())
+      throw std::runtime_error("Renderer: the hoisted source cone failed in ORT — " + prepError_);
     for (size_t i = 0; i < ring_.size(); ++i)
       if (ring_[i]->si == si) {
         slotInUse_ = static_cast<int>(i);

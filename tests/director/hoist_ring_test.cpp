@@ -14,6 +14,9 @@
 #include <vector>
 
 #include "director/source_cone_ring.h"
+#if LE_COUNT_ALLOCS
+#include "tests/driver/malloc_counter.h"
+#endif
 
 namespace {
 
@@ -223,6 +226,27 @@ TEST(HoistRing, AFailedPrepIsStickyAndStopsTheHints) {
   EXPECT_THROW(other->acquire(6), std::runtime_error);
   EXPECT_THROW(other->acquire(0), std::runtime_error);
 }
+
+#if LE_COUNT_ALLOCS
+// A frame of a hoisting renderer asks the ring for its slot and hints the
+// next: neither allocates, on the caller's thread or on the worker.
+TEST(HoistRing, TheFramePathAllocatesNothing) {
+  SourceConeRing ring(kElems, {1, 1, 8, 8}, [](int si, SourceConeRing::Slot& slot) {
+    for (float& v : slot.data) v = static_cast<float>(si);
+  });
+  le::SourceWalk walk;
+  auto frame = [&](int si) {
+    const SourceConeRing::Slot& slot = ring.acquire(si);
+    EXPECT_EQ(slot.data[0], static_cast<float>(si));
+    ring.hint(walk.next(si, 5));
+  };
+  frame(0);
+  const uint64_t before = le::test::allocationCount();
+  for (int i = 1; i < 60; ++i) frame(i % 7 < 5 ? i % 5 : 4 - i % 5);
+  EXPECT_EQ(le::test::allocationCount() - before, 0u);
+  EXPECT_GT(ring.prepRuns(), 40u);
+}
+#endif
 
 TEST(HoistWalk, PredictsTheNextSourceFrame) {
   auto walk = [](std::initializer_list<int> sis, int n) {
