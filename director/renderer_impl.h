@@ -78,7 +78,7 @@ struct Renderer::Impl {
   bool hoistSourceCone(const GsBytes& bytes, std::string& reason);
   // The ring over the prep session, its worker started.
   void startSourceConeRing();
-  // Binds the boundary of si[0], fills the other inputs and asks for the
+  // Binds the boundary of si, fills the other inputs and asks for the
   // predicted next frame.
   void prepareHoisted(int si, const float* kpSource, const float* kpDriving);
 

@@ -42,7 +42,7 @@ import sys
 
 import numpy as np
 import onnx
-from onnx import TensorProto, helper
+from onnx import helper
 
 from bundle_data import Bundle, Rng, f32, i32
 from graphs import _f32, _init, _value
@@ -220,9 +220,8 @@ def cone_model(crop, batch=1, symbolic_prior=False, plain_warp=False):
         g.node("Clip", [sl, "clip_min", "clip_max"], "warped", "/warp/Clip")
 
     g.nodes.extend(head_nodes() + compose_nodes())
-    b_dim = batch
     prior_hw = ["prior_h", "prior_w"] if symbolic_prior else None
-    return director_model(g.nodes, g.inits, director_inputs(crop, b_dim, KP, prior_hw), crop, b_dim)
+    return director_model(g.nodes, g.inits, director_inputs(crop, batch, KP, prior_hw), crop, batch)
 
 
 # ------------------------------------------------------------ variants
