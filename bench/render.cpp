@@ -13,8 +13,11 @@
 // source-cone hoist on and off (off: the same director with P_rgb's size
 // left symbolic, which the hoist can't cut), and the warp node with the warp
 // fuse off and on (LE_WARP_NODE, LE_WARP_FUSE): the median milliseconds of a
-// whole render and the allocations per frame, with the ratios side by side.
+// whole render, of processor time on the rendering thread (which a loaded
+// machine does not inflate, and which the hoist lowers by moving the cone to
+// its worker), and the allocations per frame, with the ratios side by side.
 #include <onnxruntime_cxx_api.h>
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -106,6 +109,14 @@ void benchCrop(const std::string& root, int crop, int threads, int frames) {
               plain.allocsPerFrame, engine.fps / plain.fps);
 }
 
+// Processor time of the calling thread: the part of a frame that stays on
+// the frame's own thread, whatever else the machine is running.
+double threadCpuMs() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
 // One renderer of the cone bundle under its switches, with its frames so far.
 struct ConeRun {
   const char* key;
@@ -113,16 +124,16 @@ struct ConeRun {
   const char* warpFuse;
   std::unique_ptr<le::Renderer> renderer;
   int row = 0;  // its own walk through the drive rows
-  std::vector<double> ms;
+  std::vector<double> ms, cpuMs;
   uint64_t allocs = 0;
 
   void frame(const le::Drive& drive) {
     const auto r = static_cast<size_t>(row++ % drive.frames);
     renderer->render(&drive.si[r], drive.xs.data() + r * 63, drive.xd.data() + r * 63, 1);
   }
-  double median() {
-    std::sort(ms.begin(), ms.end());
-    return ms[ms.size() / 2];
+  static double median(std::vector<double>& v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
   }
   double allocsPerFrame() const { return static_cast<double>(allocs) / static_cast<double>(ms.size()); }
 };
@@ -166,19 +177,25 @@ void benchConeCrop(const std::string& root, int crop, int frames) {
         r.frame(drive);
         const uint64_t a0 = allocations();
         for (int i = 0; i < kBlock && done + i < frames; ++i) {
+          const double c0 = threadCpuMs();
           const auto t0 = std::chrono::steady_clock::now();
           r.frame(drive);
           r.ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+          r.cpuMs.push_back(threadCpuMs() - c0);
         }
         r.allocs += allocations() - a0;
       }
-    ConeRun &on = runs[0], &off = runs[1], &node = runs[2], &fused = runs[3];
-    const double onMs = on.median(), offMs = off.median(), nodeMs = node.median(), fusedMs = fused.median();
-    std::printf("crop %3d, %d thread%s | hoist on %7.2f ms (%5.1f allocs) | hoist off %7.2f ms (%5.1f allocs) | "
-                "off/on %.2fx | warp node, fuse off %7.2f ms (%5.1f allocs) | fuse on %7.2f ms (%5.1f allocs) | "
-                "off/on %.2fx\n",
-                crop, threads, threads == 1 ? " " : "s", onMs, on.allocsPerFrame(), offMs, off.allocsPerFrame(),
-                offMs / onMs, nodeMs, node.allocsPerFrame(), fusedMs, fused.allocsPerFrame(), nodeMs / fusedMs);
+    double ms[4], cpu[4];
+    for (int k = 0; k < 4; ++k) {
+      ms[k] = ConeRun::median(runs[k].ms);
+      cpu[k] = ConeRun::median(runs[k].cpuMs);
+    }
+    std::printf("crop %3d, %d thread%s | hoist on %7.2f ms (cpu %6.2f, %5.1f allocs) | hoist off %7.2f ms (cpu %6.2f, "
+                "%5.1f allocs) | off/on %.2fx (cpu %.2fx) | warp node, fuse off %7.2f ms (cpu %6.2f, %5.1f allocs) | "
+                "fuse on %7.2f ms (cpu %6.2f, %5.1f allocs) | off/on %.2fx (cpu %.2fx)\n",
+                crop, threads, threads == 1 ? " " : "s", ms[0], cpu[0], runs[0].allocsPerFrame(), ms[1], cpu[1],
+                runs[1].allocsPerFrame(), ms[1] / ms[0], cpu[1] / cpu[0], ms[2], cpu[2], runs[2].allocsPerFrame(), ms[3],
+                cpu[3], runs[3].allocsPerFrame(), ms[2] / ms[3], cpu[2] / cpu[3]);
   }
 }
 
@@ -197,8 +214,9 @@ int main(int argc, char** argv) {
     int rc = 0;
     try {
       for (const int crop : {256, 512}) benchCrop(root, crop, threads, frames);
-      std::printf("cone director: median ms per frame (allocations per frame) of the renderer with each edit on and "
-                  "off; off/on above 1 means the edit is faster\n");
+      std::printf("cone director: median ms per frame of the renderer with each edit on and off (cpu: median ms of "
+                  "processor time on the rendering thread; allocations per frame); off/on above 1 means the edit is "
+                  "faster\n");
       for (const int crop : {256, 512}) benchConeCrop(root, crop, frames);
     } catch (const std::exception& e) {
       std::fprintf(stderr, "render: %s\n", e.what());
