@@ -123,6 +123,7 @@ TEST(WarpFuse, EachFusionRecordsWhyItStayedOut) {
       {"resize_read_twice", 4, "the Resize output has another reader", ok, ok},
       {"transpose_read_twice", 4, "the Transpose output has another reader", ok, ok},
       {"grid_read_twice", 4, "the grid has another reader", ok, ok},
+      {"slice_int64_data", 7, ok, ok, ok},
       {"warp_read_twice", 5, ok, "the warp output is not read by one Slice", ok},
       {"slice_bounds_computed", 5, ok, "the Slice bounds are not constant", ok},
       {"slice_three_inputs", 5, ok, "the Slice is not on axis 1", ok},

@@ -395,6 +395,12 @@ def fuse_variants():
             _set_init(m, name, _i64(values))
         return edit
 
+    def slice_int64_data(m):
+        # The bounds listed in int64_data rather than raw_data.
+        for name, v in (("exit_starts", 0), ("exit_ends", 3), ("exit_axes", 1), ("exit_steps", 1)):
+            init = next(t for t in m.graph.initializer if t.name == name)
+            init.CopyFrom(helper.make_tensor(name, onnx.TensorProto.INT64, [1], [v]))
+
     def slice_three_inputs(m):
         del _node(m, "/warp/Slice_out").input[3:]
 
@@ -442,6 +448,7 @@ def fuse_variants():
         "grid_read_twice": lambda m: _reader(m, "grid", "/warp/Add"),
         "warp_read_twice": lambda m: _reader(m, "warp_raw", "/warp/Clip"),
         "slice_bounds_computed": slice_bounds_computed,
+        "slice_int64_data": slice_int64_data,
         "slice_three_inputs": slice_three_inputs,
         "slice_axis_2": exit_input(3, [2]),
         "slice_steps_2": exit_input(4, [2]),
