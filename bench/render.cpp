@@ -7,7 +7,17 @@
 // The engine's figure is a whole Renderer::render: widening the fp16 inputs,
 // the lip contour and Session::Run over the bound buffers. The plain figure
 // is Session::Run alone on inputs prepared beforehand.
+//
+// Then the edits that move the source warp, on the cone director (8 source
+// frames walked in a loop, a new one every frame), at 1 and 2 threads: the
+// source-cone hoist on and off (off: the same director with P_rgb's size
+// left symbolic, which the hoist can't cut), and the warp node with the warp
+// fuse off and on (LE_WARP_NODE, LE_WARP_FUSE): the median milliseconds of a
+// whole render, of processor time on the rendering thread (which a loaded
+// machine does not inflate, and which the hoist lowers by moving the cone to
+// its worker), and the allocations per frame, with the ratios side by side.
 #include <onnxruntime_cxx_api.h>
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -99,6 +109,96 @@ void benchCrop(const std::string& root, int crop, int threads, int frames) {
               plain.allocsPerFrame, engine.fps / plain.fps);
 }
 
+// Processor time of the calling thread: the part of a frame that stays on
+// the frame's own thread, whatever else the machine is running.
+double threadCpuMs() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+// One renderer of the cone bundle under its switches, with its frames so far.
+struct ConeRun {
+  const char* key;
+  const char* warpNode;  // null: unset
+  const char* warpFuse;
+  std::unique_ptr<le::Renderer> renderer;
+  int row = 0;  // its own walk through the drive rows
+  std::vector<double> ms, cpuMs;
+  uint64_t allocs = 0;
+
+  void frame(const le::Drive& drive) {
+    const auto r = static_cast<size_t>(row++ % drive.frames);
+    renderer->render(&drive.si[r], drive.xs.data() + r * 63, drive.xd.data() + r * 63, 1);
+  }
+  static double median(std::vector<double>& v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+  }
+  double allocsPerFrame() const { return static_cast<double>(allocs) / static_cast<double>(ms.size()); }
+};
+
+// The four renderers take turns, a block of frames each, so that the load
+// of a shared machine falls on all of them alike. A block begins with one
+// untimed frame, which also takes what the block before left running (a
+// prefetch); allocations are counted over the timed frames, which in the
+// steady state hold one prefetch each.
+void benchConeCrop(const std::string& root, int crop, int frames) {
+  const std::string dir = root + "/cone" + std::to_string(crop);
+  const std::string cmd = std::string("/usr/bin/python3 ") + LE_SOURCE_DIR + "/tools/gen/cone_graphs.py bench " +
+                          dir + " " + std::to_string(crop);
+  if (std::system(cmd.c_str()) != 0)
+    throw std::runtime_error("generating the crop " + std::to_string(crop) + " cone bundle failed");
+  const le::Manifest m = le::loadManifest(dir, 0);
+  le::Identity identity(m);
+  const le::Drive drive = le::loadDrive(m);
+  auto set = [](const char* name, const char* value) {
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  };
+  constexpr int kBlock = 5;
+  for (const int threads : {1, 2}) {
+    ConeRun runs[4] = {{"cone", nullptr, nullptr},  // hoisted
+                       {"symbolic", nullptr, nullptr},
+                       {"cone", "1", nullptr},
+                       {"cone", "1", "1"}};
+    for (ConeRun& r : runs) {
+      set("LE_WARP_NODE", r.warpNode);
+      set("LE_WARP_FUSE", r.warpFuse);
+      r.renderer = std::make_unique<le::Renderer>(m, identity, r.key, threads, "");
+      for (int i = 0; i < 2; ++i) r.frame(drive);
+    }
+    set("LE_WARP_NODE", nullptr);
+    set("LE_WARP_FUSE", nullptr);
+    for (int done = 0; done < frames; done += kBlock)
+      for (ConeRun& r : runs) {
+        r.frame(drive);
+        const uint64_t a0 = allocations();
+        for (int i = 0; i < kBlock && done + i < frames; ++i) {
+          const double c0 = threadCpuMs();
+          const auto t0 = std::chrono::steady_clock::now();
+          r.frame(drive);
+          r.ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());
+          r.cpuMs.push_back(threadCpuMs() - c0);
+        }
+        r.allocs += allocations() - a0;
+      }
+    double ms[4], cpu[4];
+    for (int k = 0; k < 4; ++k) {
+      ms[k] = ConeRun::median(runs[k].ms);
+      cpu[k] = ConeRun::median(runs[k].cpuMs);
+    }
+    std::printf("crop %3d, %d thread%s | hoist on %7.2f ms (cpu %6.2f, %5.1f allocs) | hoist off %7.2f ms (cpu %6.2f, "
+                "%5.1f allocs) | off/on %.2fx (cpu %.2fx) | warp node, fuse off %7.2f ms (cpu %6.2f, %5.1f allocs) | "
+                "fuse on %7.2f ms (cpu %6.2f, %5.1f allocs) | off/on %.2fx (cpu %.2fx)\n",
+                crop, threads, threads == 1 ? " " : "s", ms[0], cpu[0], runs[0].allocsPerFrame(), ms[1], cpu[1],
+                runs[1].allocsPerFrame(), ms[1] / ms[0], cpu[1] / cpu[0], ms[2], cpu[2], runs[2].allocsPerFrame(), ms[3],
+                cpu[3], runs[3].allocsPerFrame(), ms[2] / ms[3], cpu[2] / cpu[3]);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -114,6 +214,10 @@ int main(int argc, char** argv) {
     int rc = 0;
     try {
       for (const int crop : {256, 512}) benchCrop(root, crop, threads, frames);
+      std::printf("cone director: median ms per frame of the renderer with each edit on and off (cpu: median ms of "
+                  "processor time on the rendering thread; allocations per frame); off/on above 1 means the edit is "
+                  "faster\n");
+      for (const int crop : {256, 512}) benchConeCrop(root, crop, frames);
     } catch (const std::exception& e) {
       std::fprintf(stderr, "render: %s\n", e.what());
       rc = 1;

@@ -62,6 +62,34 @@ void composeGate(const Manifest& m, const std::string& name, const std::optional
                         "its compose_v2 structure is unreadable: " + (error.empty() ? "no reason given" : error));
 }
 
+// The inputs of n rows, unhoisted; slots from n on repeat row n - 1.
+void fillBatch(Renderer::Impl& im, const int* si, const float* kpSource, const float* kpDriving, int n) {
+  const size_t crop2 = static_cast<size_t>(im.crop) * static_cast<size_t>(im.crop);
+  const size_t priorElems = static_cast<size_t>(im.featSynth ? im.fsElems : im.rgbElems);
+  std::vector<float>& priorBuf = im.featSynth ? im.fsBuf : im.priorBuf;
+  const size_t pooledElems = static_cast<size_t>(im.pooledElems);
+  for (int b = 0; b < im.batch; ++b) {
+    const int i = b < n ? b : n - 1;
+    const auto ub = static_cast<size_t>(b), ui = static_cast<size_t>(i);
+    if (b < n) {
+      halfToFloat(im.identity->pooled64(si[i]), im.pooledBuf.data() + ub * pooledElems, pooledElems);
+      const uint16_t* prior = im.featSynth ? im.identity->fsRed(si[i]) : im.identity->P(si[i]);
+      halfToFloat(prior, priorBuf.data() + ub * priorElems, priorElems);
+      if (im.composeV2) im.lipContour->contourF32Canvas(kpDriving + ui * 63, im.lipBuf.data() + ub * crop2);
+    } else {
+      // Padding slots repeat the last real row rather than decode it again.
+      const size_t last = static_cast<size_t>(n - 1);
+      std::memcpy(im.pooledBuf.data() + ub * pooledElems, im.pooledBuf.data() + last * pooledElems,
+                  pooledElems * sizeof(float));
+      std::memcpy(priorBuf.data() + ub * priorElems, priorBuf.data() + last * priorElems, priorElems * sizeof(float));
+      if (im.composeV2)
+        std::memcpy(im.lipBuf.data() + ub * crop2, im.lipBuf.data() + last * crop2, crop2 * sizeof(float));
+    }
+    std::memcpy(im.kpSourceBuf.data() + ub * 63, kpSource + ui * 63, 63 * sizeof(float));
+    std::memcpy(im.kpDrivingBuf.data() + ub * 63, kpDriving + ui * 63, 63 * sizeof(float));
+  }
+}
+
 }  // namespace
 
 Renderer::Renderer(const Manifest& manifest, Identity& identity, const std::string& name, int threads,
@@ -154,6 +182,7 @@ Renderer::Renderer(const Manifest& manifest, Identity& identity, const std::stri
 
   const Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
   im.binding = Ort::IoBinding(im.session);
+  if (im.prepSession) im.startSourceConeRing();
   const int64_t b = im.batch, c = im.crop;
   auto bind = [&](const char* input, std::vector<float>& buf, std::vector<int64_t> shape, bool output = false) {
     im.tensors.push_back(Ort::Value::CreateTensor<float>(mem, buf.data(), buf.size(), shape.data(), shape.size()));
@@ -170,7 +199,8 @@ Renderer::Renderer(const Manifest& manifest, Identity& identity, const std::stri
     bind("ks", im.kpSourceBuf, {b, kHostKpRows, 3});
   } else {
     bind("pooled64", im.pooledBuf, {b, 64, 32, 32});
-    bind("P_rgb", im.priorBuf, {b, 3, c, c});
+    // Hoisted, the boundary takes P_rgb's place, bound per frame to a slot.
+    if (!im.prepSession) bind("P_rgb", im.priorBuf, {b, 3, c, c});
     bind("kp_driving", im.kpDrivingBuf, {b, kHostKpRows, 3});
     bind("kp_source", im.kpSourceBuf, {b, kHostKpRows, 3});
     if (im.composeV2) {
@@ -198,30 +228,10 @@ Renderer::~Renderer() {
 const float* Renderer::render(const int* si, const float* kpSource, const float* kpDriving, int n) {
   Impl& im = *impl_;
   if (n < 1 || n > im.batch) throw std::runtime_error("render: bad n");
-  const size_t crop2 = static_cast<size_t>(im.crop) * static_cast<size_t>(im.crop);
-  const size_t priorElems = static_cast<size_t>(im.featSynth ? im.fsElems : im.rgbElems);
-  std::vector<float>& priorBuf = im.featSynth ? im.fsBuf : im.priorBuf;
-  const size_t pooledElems = static_cast<size_t>(im.pooledElems);
-  for (int b = 0; b < im.batch; ++b) {
-    const int i = b < n ? b : n - 1;
-    const auto ub = static_cast<size_t>(b), ui = static_cast<size_t>(i);
-    if (b < n) {
-      halfToFloat(im.identity->pooled64(si[i]), im.pooledBuf.data() + ub * pooledElems, pooledElems);
-      const uint16_t* prior = im.featSynth ? im.identity->fsRed(si[i]) : im.identity->P(si[i]);
-      halfToFloat(prior, priorBuf.data() + ub * priorElems, priorElems);
-      if (im.composeV2) im.lipContour->contourF32Canvas(kpDriving + ui * 63, im.lipBuf.data() + ub * crop2);
-    } else {
-      // Padding slots repeat the last real row rather than decode it again.
-      const size_t last = static_cast<size_t>(n - 1);
-      std::memcpy(im.pooledBuf.data() + ub * pooledElems, im.pooledBuf.data() + last * pooledElems,
-                  pooledElems * sizeof(float));
-      std::memcpy(priorBuf.data() + ub * priorElems, priorBuf.data() + last * priorElems, priorElems * sizeof(float));
-      if (im.composeV2)
-        std::memcpy(im.lipBuf.data() + ub * crop2, im.lipBuf.data() + last * crop2, crop2 * sizeof(float));
-    }
-    std::memcpy(im.kpSourceBuf.data() + ub * 63, kpSource + ui * 63, 63 * sizeof(float));
-    std::memcpy(im.kpDrivingBuf.data() + ub * 63, kpDriving + ui * 63, 63 * sizeof(float));
-  }
+  if (im.ring)
+    im.prepareHoisted(si[0], kpSource, kpDriving);  // batch 1
+  else
+    fillBatch(im, si, kpSource, kpDriving, n);
   const auto t0 = std::chrono::steady_clock::now();
   im.session.Run(im.runOptions, im.binding);
   im.runMs += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();

@@ -1,9 +1,14 @@
 // The one door to pixels: a source frame index and two keypoint rows in, a
 // face crop out. The director graph's bytes are read into memory, edited on
-// the wire in a fixed order (compose v2 splice, GridSample to the engine's
-// own kernel, student blend to Gemm, head cubic Resize to plain operators),
-// and the ONNX Runtime session is built from the edited bytes. Everything in
-// a bundle that this renderer can't serve exactly is refused here, at load.
+// the wire in a fixed order (compose v2 splice, the warp block and warp fuse
+// when asked for, GridSample to the engine's own kernel, student blend to
+// Gemm, head cubic Resize to plain operators, source-cone hoist), and the
+// ONNX Runtime session is built from the edited bytes. Everything in a bundle
+// that this renderer can't serve exactly is refused here, at load.
+//
+// A hoisting renderer has one worker thread of its own, which computes the
+// part of the graph that depends on the source frame alone, ahead of need,
+// on one core; it ends with the renderer.
 #pragma once
 
 #include <memory>

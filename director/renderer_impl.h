@@ -13,6 +13,8 @@
 #include "bundle/identity.h"
 #include "bundle/manifest.h"
 #include "director/renderer.h"
+#include "director/rewrites/wire.h"
+#include "director/source_cone_ring.h"
 #include "tessera/lip_contour.h"
 
 namespace le {
@@ -53,9 +55,36 @@ struct Renderer::Impl {
 
   std::string note;  // why the native CoreML director was not used
 
+  // The source-cone hoist: the prep session that computes the boundary from
+  // P_rgb (over priorBuf), the boundary's name, size and shape, the ring the
+  // worker fills, the walk that predicts the next source frame, and the slot
+  // whose tensor the per-frame binding holds.
+  Ort::Session prepSession{nullptr};
+  Ort::IoBinding prepBinding{nullptr};
+  Ort::Value prepInput{nullptr};
+  std::string boundaryName;
+  int64_t boundaryElems = 0;
+  std::vector<int64_t> boundaryDims;
+  SourceWalk walk;
+  const SourceConeRing::Slot* boundSlot = nullptr;
+
   // Builds the session over the edited graph for this ep ("" is the CPU
   // provider, "coreml..." the CoreML provider); can run twice.
   void createSession(const std::string& workingEp);
+
+  // The hoist on the edited bytes: on success both sessions exist and the
+  // per-frame one lacks the cone; on failure neither is created and reason
+  // says why.
+  bool hoistSourceCone(const GsBytes& bytes, std::string& reason);
+  // The ring over the prep session, its worker started.
+  void startSourceConeRing();
+  // Binds the boundary of si, fills the other inputs and asks for the
+  // predicted next frame.
+  void prepareHoisted(int si, const float* kpSource, const float* kpDriving);
+
+  // Last, so that it goes first: the worker uses the prep session and
+  // priorBuf until it is joined.
+  std::unique_ptr<SourceConeRing> ring;
 };
 
 }  // namespace le

@@ -3,6 +3,7 @@
 // in a fixed order before ONNX Runtime sees it.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -10,12 +11,15 @@
 #include "director/diag.h"
 #include "director/legacy_compose.h"
 #include "director/ops/custom_ops.h"
+#include "director/ops/warp_flow.h"
 #include "director/ort_thread_hook.h"
 #include "director/renderer_impl.h"
 #include "director/rewrites/blend_gemm.h"
 #include "director/rewrites/compose_v2_splice.h"
 #include "director/rewrites/gridsample_fast.h"
 #include "director/rewrites/head_cubic.h"
+#include "director/rewrites/warp_block.h"
+#include "director/rewrites/warp_fuse.h"
 #include "tessera/compose_v2_structure.h"
 
 namespace le {
@@ -93,6 +97,10 @@ std::string coremlCacheDir(const std::string& dir) {
 void Renderer::Impl::createSession(const std::string& workingEp) {
   const bool isCoreML = startsWith(workingEp, "coreml");
   session = Ort::Session(nullptr);
+  prepSession = Ort::Session(nullptr);
+  boundaryName.clear();
+  boundaryElems = 0;
+  boundaryDims.clear();
   options = Ort::SessionOptions();
   options.SetIntraOpNumThreads(threads);
   applyOrtThreadHook(options);
@@ -159,12 +167,39 @@ void Renderer::Impl::createSession(const std::string& workingEp) {
                                " — refusing to feed a lip contour rasterised on the wrong canvas");
   }
 
-  // 2, 3. The warp block rewrites are not part of this build: the graph keeps
-  // its warp as it stands.
-  if (envOn("LE_WARP_NODE") && !isCoreML)
-    std::fprintf(stderr,
-                 "[le] director warp NOT moved to one node (this build has no warp block rewrite) — the graph loads "
-                 "exactly as it did before\n");
+  // 2, 3. The warp block and the warp fuse, only when asked for.
+  bool warpReplaced = false;
+  if (envOn("LE_WARP_NODE") && !isCoreML) {
+    std::string why;
+    const size_t removed = rewriteWarpBlockToCustomOp(bytes, why);
+    warpReplaced = removed > 0;
+    if (warpReplaced)
+      std::fprintf(diag_stream(),
+                   "[le] director warp -> com.kestrova::WarpDirector (%zu nodes removed, the source cone with them)\n",
+                   removed);
+    else
+      std::fprintf(stderr,
+                   "[le] director warp NOT moved to one node (%s) — the graph loads exactly as it did before\n",
+                   why.empty() ? "no reason given" : why.c_str());
+  }
+  if (warpReplaced && envOn("LE_WARP_FUSE")) {
+    const bool verify = std::strcmp(envText("LE_WARP_FUSE"), "verify") == 0;
+    WarpFuseCensus census;
+    std::string why;
+    if (rewriteWarpFuse(bytes, verify, &census, why) > 0) {
+      const std::string grid = census.grid ? (verify ? "computed beside ORT's" : "in the warp")
+                                           : "NOT fused: " + census.gridReason;
+      const std::string exit = census.exit ? "in the warp" : "NOT fused: " + census.exitReason;
+      std::fprintf(diag_stream(),
+                   "[le] warp fuse%s: grid %s, exit %s, %d keypoint Sub(s) -> SubBcastKHWC (%zu nodes removed; "
+                   "multiply-add form %s)\n",
+                   verify ? " VERIFY" : "", grid.c_str(), exit.c_str(), census.subs, census.nodes,
+                   warpFlowOrtFmaForm() ? "fma" : "plain");
+    } else {
+      std::fprintf(stderr, "[le] warp fuse NOT applied (%s) — the warp node loads as before\n",
+                   why.empty() ? "no reason given" : why.c_str());
+    }
+  }
 
   // 4 to 6.
   std::string gsReason, blendReason, cubicReason;
@@ -172,14 +207,35 @@ void Renderer::Impl::createSession(const std::string& workingEp) {
   const size_t blendCount = normaliseStudentBlend(bytes, &blendReason);
   const size_t cubicCount = rewriteHeadCubicResize(bytes, &cubicReason);
 
-  // 7. The source-cone hoist is not part of this build either: the cone stays
-  // in the per-frame graph.
-  const bool hasPrior = !identity->priorMember().empty() || identity->priorBackend() == "mmap P.f16";
-  if (hasPrior && !bytes.empty())
-    std::fprintf(diag_stream(), "[le] source-cone hoist NOT applied (%s): %s\n", name.c_str(),
-                 "this build has no source-cone hoist; the cone stays in the per-frame graph");
-
+  // 7. The source-cone hoist: the part of the graph that depends on the
+  // source frame alone leaves the per-frame graph.
   std::FILE* diag = diag_stream();
+  const bool hasPrior = !identity->priorMember().empty() || identity->priorBackend() == "mmap P.f16";
+  if (warpReplaced) {
+    std::fprintf(diag,
+                 "[le] source-cone hoist SKIPPED (%s): the warp node subsumes the cone — there is nothing left to "
+                 "hoist\n",
+                 name.c_str());
+  } else if (isCoreML && (unitSet == "all" || unitSet == "gpu")) {
+    std::fprintf(diag,
+                 "[le] source-cone hoist NOT applied (%s): CoreML unit set '%s' can place the director on the GPU and "
+                 "the 12.58 MB boundary input would cross that partition every frame (measured 0.61x on an M4) — the "
+                 "cone stays in the graph\n",
+                 name.c_str(), unitSet.c_str());
+  } else if (hasPrior && !bytes.empty()) {
+    std::string reason;
+    if (hoistSourceCone(bytes, reason)) {
+      const std::vector<int64_t>& d = boundaryDims;
+      std::fprintf(diag,
+                   "[le] source-cone hoist: '%s' [%lld,%lld,%lld,%lld] leaves the per-frame graph and is prefetched "
+                   "per SOURCE FRAME on one spare core (%s)\n",
+                   boundaryName.c_str(), static_cast<long long>(d[0]), static_cast<long long>(d[1]),
+                   static_cast<long long>(d[2]), static_cast<long long>(d[3]), name.c_str());
+    } else {
+      std::fprintf(diag, "[le] source-cone hoist NOT applied (%s): %s\n", name.c_str(), reason.c_str());
+    }
+  }
+
   if (gsCount)
     std::fprintf(diag, "[le] std GridSample -> com.kestrova::GridSampleFast load-time rewrite: %zu node(s) (%s)\n",
                  gsCount, name.c_str());
@@ -202,9 +258,9 @@ void Renderer::Impl::createSession(const std::string& workingEp) {
                name.c_str(), "lip_template.v1.json", lipContour->W.empty() ? "plate-template-v1" : "lip-map-v1",
                lipContour->nv, static_cast<double>(lipContour->feather));
 
-  // 8, 9.
+  // 8, 9. The hoist made the session from its per-frame graph.
   composeV2 = true;
-  session = Ort::Session(env, bytes.data(), bytes.size(), options);
+  if (!prepSession) session = Ort::Session(env, bytes.data(), bytes.size(), options);
   ep = workingEp.empty() ? "cpu" : workingEp;
   std::fprintf(stderr, "[le] director ep=%s (%s)\n", ep.c_str(),
                isCoreML ? "ORT CoreML EP; unclaimed nodes on the CPU EP; std GridSample kept in the graph"

@@ -1,5 +1,7 @@
 #include "director/rewrites/gridsample_fast.h"
 
+#include "director/rewrites/node_writer.h"
+
 namespace le {
 
 namespace {
@@ -53,13 +55,6 @@ size_t rewriteGridSampleToFast(GsBytes& bytes, std::string* reason) {
     else if (firstRefusal.empty() && node.opType == "GridSample")
       firstRefusal = "GridSample '" + node.name + "' stays standard: " + why;
   });
-  bool imported = false;
-  {
-    GsReader r(gsSliceOf(bytes));
-    GsField f;
-    while (r.next(f))
-      if (f.number == 8 && f.wire == kGsLength && gsFirstStr(f.payload, 1) == kKestrovaDomain) imported = true;
-  }
   if (count == 0) {
     if (reason) *reason = !firstRefusal.empty() ? firstRefusal : "the graph has no GridSample node";
     return 0;
@@ -77,14 +72,7 @@ size_t rewriteGridSampleToFast(GsBytes& bytes, std::string* reason) {
     gsPutLen(out, 1, node);
     return true;
   });
-  GsBytes opset;
-  if (!imported) {
-    GsBytes id;
-    gsPutStr(id, 1, kKestrovaDomain);
-    gsPutInt(id, 2, 1);
-    gsPutLen(opset, 8, id);
-  }
-  bytes = gsModelWithGraph(gsSliceOf(bytes), newGraph, opset);
+  bytes = gsModelWithGraph(gsSliceOf(bytes), newGraph, gsOpsetImportIfMissing(bytes, kKestrovaDomain));
   if (reason) reason->clear();
   return count;
 }

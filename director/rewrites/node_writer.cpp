@@ -9,6 +9,23 @@ constexpr uint32_t kAttrType = 20;
 
 void putAttribute(GsBytes& attrs, const GsBytes& attribute) { gsPutLen(attrs, 5, attribute); }
 
+void putNode(GsBytes& graph, std::string_view opType, const std::string_view* domain,
+             const std::vector<std::string>& inputs, std::string_view output, std::string_view name,
+             const GsBytes& attributes) {
+  GsBytes node;
+  size_t need = opType.size() + output.size() + name.size() + attributes.size() + 24;
+  for (const auto& in : inputs) need += in.size() + 4;
+  if (domain) need += domain->size();
+  node.reserve(need);
+  for (const auto& in : inputs) gsPutStr(node, 1, in);
+  gsPutStr(node, 2, output);
+  gsPutStr(node, 3, name);
+  gsPutStr(node, 4, opType);
+  gsPutRaw(node, attributes);
+  if (domain) gsPutStr(node, 7, *domain);
+  gsPutLen(graph, 1, node);
+}
+
 }  // namespace
 
 void hcAttrS(GsBytes& attrs, std::string_view name, std::string_view value) {
@@ -40,16 +57,31 @@ void hcAttrIs(GsBytes& attrs, std::string_view name, const std::vector<int64_t>&
 
 void hcNode(GsBytes& graph, std::string_view opType, const std::vector<std::string>& inputs,
             std::string_view output, std::string_view name, const GsBytes& attributes) {
-  GsBytes node;
-  size_t need = opType.size() + output.size() + name.size() + attributes.size() + 16;
-  for (const auto& in : inputs) need += in.size() + 4;
-  node.reserve(need);
-  for (const auto& in : inputs) gsPutStr(node, 1, in);
-  gsPutStr(node, 2, output);
-  gsPutStr(node, 3, name);
-  gsPutStr(node, 4, opType);
-  gsPutRaw(node, attributes);
-  gsPutLen(graph, 1, node);
+  putNode(graph, opType, nullptr, inputs, output, name, attributes);
+}
+
+void fzNode(GsBytes& graph, std::string_view opType, std::string_view domain,
+            const std::vector<std::string>& inputs, std::string_view output, std::string_view name,
+            const GsBytes& attributes) {
+  putNode(graph, opType, &domain, inputs, output, name, attributes);
+}
+
+bool gsImportsDomain(const GsBytes& model, std::string_view domain) {
+  GsReader r(gsSliceOf(model));
+  GsField f;
+  while (r.next(f))
+    if (f.number == 8 && f.wire == kGsLength && gsFirstStr(f.payload, 1) == domain) return true;
+  return false;
+}
+
+GsBytes gsOpsetImportIfMissing(const GsBytes& model, std::string_view domain) {
+  GsBytes opset;
+  if (gsImportsDomain(model, domain)) return opset;
+  GsBytes id;
+  gsPutStr(id, 1, domain);
+  gsPutInt(id, 2, 1);
+  gsPutLen(opset, 8, id);
+  return opset;
 }
 
 void hcInit(GsBytes& graph, std::string_view name, int32_t dataType, const std::vector<int64_t>& dims,

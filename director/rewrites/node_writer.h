@@ -25,6 +25,18 @@ void hcAttrIs(GsBytes& attrs, std::string_view name, const std::vector<int64_t>&
 void hcNode(GsBytes& graph, std::string_view opType, const std::vector<std::string>& inputs,
             std::string_view output, std::string_view name, const GsBytes& attributes);
 
+// hcNode with a domain field (7) after the attributes: a node of a custom
+// domain.
+void fzNode(GsBytes& graph, std::string_view opType, std::string_view domain,
+            const std::vector<std::string>& inputs, std::string_view output, std::string_view name,
+            const GsBytes& attributes);
+
+// True if the model imports the operator set domain (ModelProto field 8).
+bool gsImportsDomain(const GsBytes& model, std::string_view domain);
+// An opset_import field of domain at version 1, to append as the model's
+// last field; empty if the model imports the domain already.
+GsBytes gsOpsetImportIfMissing(const GsBytes& model, std::string_view domain);
+
 // Appends an initializer (tag 2A): one dims field per dimension, data_type,
 // name, raw_data holding size bytes from data.
 void hcInit(GsBytes& graph, std::string_view name, int32_t dataType, const std::vector<int64_t>& dims,

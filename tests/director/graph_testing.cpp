@@ -6,6 +6,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "director/ops/custom_ops.h"
 #include "director/rewrites/head_cubic.h"
 #include "tests/support/test_support.h"
 
@@ -118,32 +119,40 @@ DirectorInputs sampleInputs(uint32_t seed) {
   return in;
 }
 
-std::vector<float> runDirector(const GsBytes& model, const DirectorInputs& in) {
+std::vector<float> runGraph(const GsBytes& model, const std::vector<NamedTensor>& inputs, const std::string& output,
+                            int threads) {
   static Ort::Env env(ORT_LOGGING_LEVEL_ERROR, "rewrites_test");
   Ort::SessionOptions options;
-  options.SetIntraOpNumThreads(1);
+  options.SetIntraOpNumThreads(threads);
   options.SetInterOpNumThreads(1);
+  registerGridSampleFast(options);
   Ort::Session session(env, model.data(), model.size(), options);
   const Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-  auto tensor = [&](const std::vector<float>& data, std::vector<int64_t> shape) {
-    return Ort::Value::CreateTensor<float>(mem, const_cast<float*>(data.data()), data.size(), shape.data(),
-                                           shape.size());
-  };
-  std::vector<const char*> names = {"pooled64", "P_rgb", "kp_driving", "kp_source"};
+  std::vector<const char*> names;
   std::vector<Ort::Value> values;
-  values.push_back(tensor(in.pooled64, {1, 64, 32, 32}));
-  values.push_back(tensor(in.prior, {1, 3, 32, 32}));
-  values.push_back(tensor(in.kpDriving, {1, 21, 3}));
-  values.push_back(tensor(in.kpSource, {1, 21, 3}));
-  if (!in.lip.empty()) {
-    names.push_back("lip_delivery");
-    values.push_back(tensor(in.lip, {1, 1, 32, 32}));
+  for (const NamedTensor& t : inputs) {
+    names.push_back(t.name.c_str());
+    values.push_back(Ort::Value::CreateTensor<float>(mem, const_cast<float*>(t.data->data()), t.data->size(),
+                                                     t.shape.data(), t.shape.size()));
   }
-  const char* output = "rgb";
-  std::vector<Ort::Value> out =
-      session.Run(Ort::RunOptions{nullptr}, names.data(), values.data(), values.size(), &output, 1);
-  const float* p = out[0].GetTensorData<float>();
-  return std::vector<float>(p, p + out[0].GetTensorTypeAndShapeInfo().GetElementCount());
+  const char* out = output.c_str();
+  std::vector<Ort::Value> result =
+      session.Run(Ort::RunOptions{nullptr}, names.data(), values.data(), values.size(), &out, 1);
+  const float* p = result[0].GetTensorData<float>();
+  return std::vector<float>(p, p + result[0].GetTensorTypeAndShapeInfo().GetElementCount());
+}
+
+std::vector<NamedTensor> directorTensors(const DirectorInputs& in, bool withPrior) {
+  std::vector<NamedTensor> t = {{"pooled64", {1, 64, 32, 32}, &in.pooled64},
+                                {"kp_driving", {1, 21, 3}, &in.kpDriving},
+                                {"kp_source", {1, 21, 3}, &in.kpSource}};
+  if (withPrior) t.push_back({"P_rgb", {1, 3, 32, 32}, &in.prior});
+  if (!in.lip.empty()) t.push_back({"lip_delivery", {1, 1, 32, 32}, &in.lip});
+  return t;
+}
+
+std::vector<float> runDirector(const GsBytes& model, const DirectorInputs& in) {
+  return runGraph(model, directorTensors(in), "rgb");
 }
 
 float maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b) {

@@ -64,6 +64,22 @@ DirectorInputs sampleInputs(uint32_t seed);
 // Output "rgb" of the graph on ONNX Runtime's CPU provider with one thread.
 std::vector<float> runDirector(const GsBytes& model, const DirectorInputs& in);
 
+// A named float input of a graph run.
+struct NamedTensor {
+  std::string name;
+  std::vector<int64_t> shape;
+  const std::vector<float>* data;
+};
+
+// The named output of the model on ONNX Runtime's CPU provider at the given
+// intra-op thread count, with the engine's custom domains registered.
+std::vector<float> runGraph(const GsBytes& model, const std::vector<NamedTensor>& inputs, const std::string& output,
+                            int threads = 1);
+
+// The director inputs of DirectorInputs (no lip) as named tensors; P_rgb
+// left out when withPrior is false.
+std::vector<NamedTensor> directorTensors(const DirectorInputs& in, bool withPrior = true);
+
 float maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b);
 
 }  // namespace le::test

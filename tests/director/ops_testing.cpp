@@ -2,7 +2,6 @@
 
 #include <onnxruntime_cxx_api.h>
 
-#include <cstring>
 #include <random>
 
 #include "director/ops/custom_ops.h"
@@ -58,22 +57,6 @@ std::vector<float> seededFloats(size_t n, uint32_t seed, float lo, float hi) {
   std::vector<float> v(n);
   for (float& x : v) x = d(rng);
   return v;
-}
-
-size_t bitDifferences(const std::vector<float>& a, const std::vector<float>& b) {
-  size_t n = 0;
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) n += std::memcmp(&a[i], &b[i], sizeof(float)) != 0;
-  return n;
-}
-
-::testing::AssertionResult sameFloatBits(const std::vector<float>& got, const std::vector<float>& want) {
-  if (got.size() != want.size())
-    return ::testing::AssertionFailure() << got.size() << " floats against " << want.size() << " expected";
-  for (size_t i = 0; i < got.size(); ++i)
-    if (std::memcmp(&got[i], &want[i], sizeof(float)) != 0)
-      return ::testing::AssertionFailure() << bitDifferences(got, want) << " floats differ; the first at " << i
-                                           << ": " << got[i] << " against " << want[i];
-  return ::testing::AssertionSuccess();
 }
 
 }  // namespace le::test

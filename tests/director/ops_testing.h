@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/director/float_bits.h"
+
 namespace le::test {
 
 // A named input: float data, or int8 data when i8 is not empty.
@@ -32,11 +34,5 @@ std::vector<OpOutput> runOpGraph(const std::string& graph, const std::vector<OpI
 
 // n floats uniform in lo..hi from a fixed seed.
 std::vector<float> seededFloats(size_t n, uint32_t seed, float lo, float hi);
-
-// Bitwise equality of float buffers, naming the first difference.
-::testing::AssertionResult sameFloatBits(const std::vector<float>& got, const std::vector<float>& want);
-
-// Floats whose bit patterns differ.
-size_t bitDifferences(const std::vector<float>& a, const std::vector<float>& b);
 
 }  // namespace le::test

@@ -293,20 +293,6 @@ TEST(RendererSwitches, BakedGridSampleFast) {
                 "shipping format since INFERENCE_STANDARDIZATION.md #1), or unset the flag to load this one.");
 }
 
-TEST(RendererSwitches, WarpNodeAsksForARewriteThisBuildLacks) {
-  DirectorBundle b("sample");
-  ScopedEnv warp("LE_WARP_NODE", "1");
-  std::unique_ptr<le::Renderer> r;
-  const std::string log =
-      captureStderr([&] { r = std::make_unique<le::Renderer>(b.manifest, *b.identity, "b1_fp32", 1, ""); });
-  EXPECT_NE(log.find("[le] director warp NOT moved to one node (this build has no warp block rewrite) — the graph "
-                     "loads exactly as it did before\n"),
-            std::string::npos)
-      << log;
-  EXPECT_EQ(log.find("com.kestrova::WarpDirector ("), std::string::npos);
-  expectRowsMatch(b, *r, "render/composed_b1.onnx");
-}
-
 std::atomic<int> g_hookRuns{0};
 
 TEST(RendererThreads, IntraOpThreadsRunTheCreatingThreadsHook) {
@@ -323,6 +309,20 @@ TEST(RendererThreads, IntraOpThreadsRunTheCreatingThreadsHook) {
   EXPECT_EQ(g_hookRuns.load(), 2);
   captureStderr([&] { le::Renderer(b.manifest, *b.identity, "b1_fp32", 3, ""); });
   EXPECT_EQ(g_hookRuns.load(), 2);
+  // A hoisting renderer's prep session starts no thread and takes no hook:
+  // it runs on the source-cone worker alone.
+  DirectorBundle cone("render/cone/bundle");
+  le::setOrtThreadHookForThisThread(&hook);
+  {
+    std::unique_ptr<le::Renderer> r;
+    const std::string log =
+        captureStderr([&] { r = std::make_unique<le::Renderer>(cone.manifest, *cone.identity, "b1_fp32", 3, ""); });
+    EXPECT_NE(log.find("[le] source-cone hoist: "), std::string::npos) << log;
+    const int si[2] = {0, 1};
+    for (const int s : si) r->render(&s, cone.drive.xs.data(), cone.drive.xd.data(), 1);
+  }
+  le::setOrtThreadHookForThisThread(nullptr);
+  EXPECT_EQ(g_hookRuns.load(), 4);
 }
 
 }  // namespace

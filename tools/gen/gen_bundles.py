@@ -32,6 +32,7 @@ import movie_data
 import frames_data
 import audio_graphs
 import motion_graphs
+import cone_graphs
 import graphs
 import ops_graphs
 import render_graphs
@@ -144,6 +145,7 @@ def main():
     teeth_data.write_cases(os.path.join(out, "teeth"))
     movie_data.write_cases(os.path.join(out, "movies"), sample)
     motion_graphs.write_cases(os.path.join(out, "motion"), sample)
+    cone_graphs.write_cases(out, sample)
 
 
 if __name__ == "__main__":

@@ -58,7 +58,6 @@ def member_model(crop, batch=1, rows=21, baked=False):
     """The director graph. batch None declares a symbolic batch; rows None a
     symbolic keypoint row count. baked puts GridSampleFast into the graph."""
     rng = np.random.RandomState(0x5EED + crop)
-    ellipse = _ellipse(crop)
     kp_rows = 21 if rows is None else rows
     inits = [
         _init("kp_shape", np.array([-1, kp_rows * 3], dtype=np.int64)),
@@ -66,14 +65,7 @@ def member_model(crop, batch=1, rows=21, baked=False):
         _init("split_sizes", np.array([2, 2], dtype=np.int64)),
         _init("flow_shape", np.array([-1, 1, 1, 2], dtype=np.int64)),
         _init("base_grid", _base_grid(crop)),
-        _init("head_w0", _f32(rng.normal(0.0, 0.1, (HEAD_C, 64, 1, 1)))),
-        _init("head_scales0", _f32([1, 1, crop / 64.0, crop / 64.0])),
-        _init("head_bias", _f32(rng.normal(0.0, 0.2, (HEAD_C, 1, 1)))),
-        _init("head_scales", _f32([1, 1, 2, 2])),
-        _init("head_w1", _f32(rng.normal(0.0, 0.2, (3, HEAD_C, 3, 3)))),
-        _init("ellipse", ellipse),
-        _init("ellipse_inv", _f32(np.float32(1) - ellipse)),
-    ]
+    ] + head_inits(crop, rng) + compose_inits(crop)
     n = helper.make_node
     if baked:
         warp = n("GridSampleFast", ["P_rgb", "grid"], ["warped"], name="/warp/GridSample", domain="com.kestrova")
@@ -89,6 +81,29 @@ def member_model(crop, batch=1, rows=21, baked=False):
         n("Reshape", ["flow", "flow_shape"], ["flow4"], name="/warp/Reshape"),
         n("Add", ["base_grid", "flow4"], ["grid"], name="/warp/Add"),
         warp,
+    ] + head_nodes() + compose_nodes()
+    b = "batch" if batch is None else batch
+    r = "rows" if rows is None else rows
+    return director_model(nodes, inits, director_inputs(crop, b, r), crop, b,
+                          ["com.kestrova"] if baked else [])
+
+
+def head_inits(crop, rng):
+    """The head's weights, drawn from rng in a fixed order."""
+    return [
+        _init("head_w0", _f32(rng.normal(0.0, 0.1, (HEAD_C, 64, 1, 1)))),
+        _init("head_scales0", _f32([1, 1, crop / 64.0, crop / 64.0])),
+        _init("head_bias", _f32(rng.normal(0.0, 0.2, (HEAD_C, 1, 1)))),
+        _init("head_scales", _f32([1, 1, 2, 2])),
+        _init("head_w1", _f32(rng.normal(0.0, 0.2, (3, HEAD_C, 3, 3)))),
+    ]
+
+
+def head_nodes():
+    """pooled64 -> head_rgb: a Conv, a linear Resize to crop/2, the per-channel
+    bias and Relu, the cubic x2 Resize and a Conv."""
+    n = helper.make_node
+    return [
         n("Conv", ["pooled64", "head_w0"], ["head_c0"], name="/head/Conv", kernel_shape=[1, 1]),
         n("Resize", ["head_c0", "", "head_scales0"], ["head_s0"], name="/head/Resize_0",
           coordinate_transformation_mode="half_pixel", mode="linear"),
@@ -98,16 +113,36 @@ def member_model(crop, batch=1, rows=21, baked=False):
           coordinate_transformation_mode="half_pixel", mode="cubic"),
         n("Conv", ["head_up", "head_w1"], ["head_rgb"], name="/head/Conv_1", kernel_shape=[3, 3],
           pads=[1, 1, 1, 1]),
+    ]
+
+
+def compose_inits(crop):
+    ellipse = _ellipse(crop)
+    return [_init("ellipse", ellipse), _init("ellipse_inv", _f32(np.float32(1) - ellipse))]
+
+
+def compose_nodes():
+    """The ellipse compose of "warped" and "head_rgb", which compose v2
+    replaces from ELLIPSE_FROM on."""
+    n = helper.make_node
+    return [
         n("Mul", ["warped", "ellipse"], ["cw"], name="/compose/Mul"),
         n("Mul", ["head_rgb", "ellipse_inv"], ["ch"], name="/compose/Mul_1"),
         n("Add", ["cw", "ch"], ["rgb"], name="/compose/Add"),
     ]
-    b = "batch" if batch is None else batch
-    r = "rows" if rows is None else rows
-    inputs = [_value("pooled64", [b, 64, 32, 32]), _value("P_rgb", [b, 3, crop, crop]),
-              _value("kp_driving", [b, r, 3]), _value("kp_source", [b, r, 3])]
+
+
+def director_inputs(crop, b, r, prior_hw=None):
+    """pooled64, P_rgb, kp_driving, kp_source; prior_hw overrides P_rgb's
+    spatial dimensions."""
+    hw = prior_hw or [crop, crop]
+    return [_value("pooled64", [b, 64, 32, 32]), _value("P_rgb", [b, 3] + hw),
+            _value("kp_driving", [b, r, 3]), _value("kp_source", [b, r, 3])]
+
+
+def director_model(nodes, inits, inputs, crop, b, domains=()):
     graph = helper.make_graph(nodes, "director", inputs, [_value("rgb", [b, 3, crop, crop])], inits)
-    opsets = [helper.make_opsetid("", OPSET)] + ([helper.make_opsetid("com.kestrova", 1)] if baked else [])
+    opsets = [helper.make_opsetid("", OPSET)] + [helper.make_opsetid(d, 1) for d in domains]
     model = helper.make_model(graph, opset_imports=opsets, producer_name="kestrova-gen", producer_version="1")
     model.ir_version = IR_VERSION
     return model
@@ -140,8 +175,8 @@ def structure_model(member, binding, lip_canvas):
 class Director:
     """One member graph with its structure, as bytes."""
 
-    def __init__(self, crop, batch=1, rows=21, baked=False, lip_canvas=None, bind_to=None):
-        self.model = member_model(crop, batch, rows, baked)
+    def __init__(self, crop, batch=1, rows=21, baked=False, lip_canvas=None, bind_to=None, model=None):
+        self.model = model if model is not None else member_model(crop, batch, rows, baked)
         self.member = self.model.SerializeToString()
         binding = _sha(bind_to if bind_to is not None else self.member)
         self.structure_model = structure_model(self.model, binding, lip_canvas or crop)
