@@ -133,8 +133,11 @@ TEST(SourceCone, ThePerFrameModelTakesTheBoundaryInPlaceOfThePrior) {
   // Only the graph changed; the other fields of the model go through raw.
   const le::test::ModelParts a = le::test::modelParts(member), b = le::test::modelParts(perFrame);
   ASSERT_EQ(a.top.size(), b.top.size());
-  for (size_t i = 0; i < a.top.size(); ++i)
-    if (i != a.graphAt) EXPECT_EQ(a.top[i], b.top[i]) << "top-level field " << i;
+  for (size_t i = 0; i < a.top.size(); ++i) {
+    if (i != a.graphAt) {
+      EXPECT_EQ(a.top[i], b.top[i]) << "top-level field " << i;
+    }
+  }
   GsBytes dimsBytes;
   for (int64_t d : dims) {
     GsBytes dim;
