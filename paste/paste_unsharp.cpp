@@ -1,0 +1,143 @@
+// The unsharp mask of the paste as row kernels: a horizontal Gaussian of one
+// plane row over its reflected border, a vertical Gaussian of such rows with
+// the unsharp step, and the interleave into the warp's 4-float pixels. Every
+// lane of every target computes its element as a scalar loop would: products
+// rounded before they are added, taps in ascending order from a sum of 0.
+#include <algorithm>
+
+#include "compute/simd_targets.h"
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "paste/paste_unsharp.cpp"
+#include "hwy/foreach_target.h"  // IWYU pragma: keep
+
+#include "hwy/highway.h"
+#include "paste/paste_kernel.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace le::simd::HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+namespace {
+
+int reflect101(int i, int n) {
+  if (i < 0) i = -i;
+  if (i >= n) i = 2 * n - 2 - i;
+  return i;
+}
+
+}  // namespace
+
+void UnsharpRowH(const float* HWY_RESTRICT src, int side, float scale, const float* HWY_RESTRICT g, int ksize,
+                 int xa, int n, float* HWY_RESTRICT scratch, float* HWY_RESTRICT out) {
+  const hn::ScalableTag<float> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  const int pad = ksize / 2;
+  const int m = n + ksize - 1;
+  // The padded, scaled row: scratch[t] is column xa - pad + t. Columns inside
+  // the crop form one run; only the few on either side are reflected.
+  const int first = xa - pad;
+  const int inLo = std::min(m, std::max(0, -first));
+  const int inHi = std::max(inLo, std::min(m, side - first));
+  int t = 0;
+  for (; t < inLo; ++t) scratch[t] = src[reflect101(first + t, side)] * scale;
+  const auto vs = hn::Set(d, scale);
+  for (; t + N <= inHi; t += N) hn::StoreU(hn::Mul(hn::LoadU(d, src + first + t), vs), d, scratch + t);
+  for (; t < inHi; ++t) scratch[t] = src[first + t] * scale;
+  for (; t < m; ++t) scratch[t] = src[reflect101(first + t, side)] * scale;
+  for (int k = 0; k < N; ++k) scratch[m + k] = 0.0f;  // the last vector's spare lanes read defined values
+
+  for (int x = 0; x < n; x += N) {
+    auto acc = hn::Zero(d);
+    for (int i = 0; i < ksize; ++i) acc = hn::Add(acc, hn::Mul(hn::Set(d, g[i]), hn::LoadU(d, scratch + x + i)));
+    hn::StoreU(acc, d, out + x);
+  }
+}
+
+namespace {
+
+// Lanes [t, t + N) of a vertical row; src holds the N plane values.
+template <class D>
+HWY_INLINE hn::Vec<D> VerticalBlock(D d, const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g,
+                                    int ksize, int t, const float* HWY_RESTRICT src, float scale, float keep,
+                                    float amount) {
+  auto acc = hn::Zero(d);
+  for (int i = 0; i < ksize; ++i) acc = hn::Add(acc, hn::Mul(hn::Set(d, g[i]), hn::LoadU(d, rows[i] + t)));
+  const auto plane = hn::Mul(hn::LoadU(d, src), hn::Set(d, scale));
+  const auto v = hn::Sub(hn::Mul(plane, hn::Set(d, keep)), hn::Mul(acc, hn::Set(d, amount)));
+  // Below 0 and NaN give 0, above 255 gives 255: the comparisons fail on NaN.
+  const auto hi = hn::Set(d, 255.0f);
+  return hn::IfThenElseZero(hn::Gt(v, hn::Zero(d)), hn::IfThenElse(hn::Lt(v, hi), v, hi));
+}
+
+}  // namespace
+
+void UnsharpRowV(const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g, int ksize,
+                 const float* HWY_RESTRICT src, float scale, float keep, float amount, int n,
+                 float* HWY_RESTRICT out) {
+  const hn::ScalableTag<float> d;
+  constexpr int kMax = static_cast<int>(hn::MaxLanes(d));
+  const int N = static_cast<int>(hn::Lanes(d));
+  int t = 0;
+  for (; t + N <= n; t += N) hn::StoreU(VerticalBlock(d, rows, g, ksize, t, src + t, scale, keep, amount), d, out + t);
+  if (t < n) {
+    // The rows have whole vectors to spare; src and out are staged.
+    float in[kMax] = {}, res[kMax];
+    for (int k = t; k < n; ++k) in[k - t] = src[k];
+    hn::StoreU(VerticalBlock(d, rows, g, ksize, t, in, scale, keep, amount), d, res);
+    for (int k = t; k < n; ++k) out[k] = res[k - t];
+  }
+}
+
+void InterleaveRgbx(const float* HWY_RESTRICT r, const float* HWY_RESTRICT g, const float* HWY_RESTRICT b, int n,
+                    float* HWY_RESTRICT a, float* HWY_RESTRICT b2) {
+  const hn::ScalableTag<float> d;
+  constexpr int kMax = static_cast<int>(hn::MaxLanes(d));
+  const int N = static_cast<int>(hn::Lanes(d));
+  const hn::CappedTag<float, 4> d4;
+  const int N4 = static_cast<int>(hn::Lanes(d4));
+  const auto zero = hn::Zero(d);
+  alignas(64) float px[4 * kMax];
+  int t = 0;
+  for (; t + N <= n; t += N) {
+    hn::StoreInterleaved4(hn::LoadU(d, r + t), hn::LoadU(d, g + t), hn::LoadU(d, b + t), zero, d, px);
+    for (int k = 0; k < 4 * N; k += N4) {
+      const auto v = hn::Load(d4, px + k);
+      const int at = 8 * t + 2 * (k - k % 4) + k % 4;
+      hn::StoreU(v, d4, a + at);
+      hn::StoreU(v, d4, b2 + at);
+    }
+  }
+  for (; t < n; ++t) {
+    const float v[4] = {r[t], g[t], b[t], 0.0f};
+    for (int c = 0; c < 4; ++c) a[8 * t + c] = b2[8 * t + c] = v[c];
+  }
+}
+
+// NOLINTNEXTLINE(google-readability-namespace-comments)
+}  // namespace le::simd::HWY_NAMESPACE
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace le::simd {
+
+HWY_EXPORT(UnsharpRowH);
+HWY_EXPORT(UnsharpRowV);
+HWY_EXPORT(InterleaveRgbx);
+
+void unsharpRowH(const float* src, int side, float scale, const float* g, int ksize, int xa, int n, float* scratch,
+                 float* out) {
+  HWY_DYNAMIC_DISPATCH(UnsharpRowH)(src, side, scale, g, ksize, xa, n, scratch, out);
+}
+
+void unsharpRowV(const float* const* rows, const float* g, int ksize, const float* src, float scale, float keep,
+                 float amount, int n, float* out) {
+  HWY_DYNAMIC_DISPATCH(UnsharpRowV)(rows, g, ksize, src, scale, keep, amount, n, out);
+}
+
+void interleaveRgbx(const float* r, const float* g, const float* b, int n, float* a, float* b2) {
+  HWY_DYNAMIC_DISPATCH(InterleaveRgbx)(r, g, b, n, a, b2);
+}
+
+}  // namespace le::simd
+#endif
