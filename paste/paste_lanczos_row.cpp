@@ -10,7 +10,6 @@
 // The per-lane order of operations is the same on every target:
 // rowAcc += pixel * wx[i] for i ascending, then acc += rowAcc * wy[j] for j
 // ascending, each product rounded before it is added.
-#include <algorithm>
 #include <cstddef>
 
 #include "compute/simd_targets.h"
@@ -29,41 +28,37 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 namespace {
 
-// acc[k][0..3]: the 8x8 Lanczos sums of kPixels pixels. p[k] points at the
-// first tap of pixel k, pixel (syi - 3, sxi - 3) of the pair-row layout, in
-// which a pixel of row y is followed by the same pixel of row y + 1;
-// pair-rows are pairStep floats apart and a pixel takes 8 floats. Several
-// pixels at once give the processor independent sums to overlap.
-template <int kPixels, class D8>
-HWY_INLINE void Lanczos8x8(HWY_MAYBE_UNUSED D8 d8, const float* const* p, size_t pairStep, const float* const* wx,
-                           const float* const* wy, float (*acc)[4]) {
+// acc[0..3]: the 8x8 Lanczos sum of one pixel. p points at its first tap,
+// pixel (syi - 3, sxi - 3) of the pair-row layout, in which a pixel of row y
+// is followed by the same pixel of row y + 1; pair-rows are pairStep floats
+// apart and a pixel takes 8 floats.
+template <class D8>
+HWY_INLINE void Lanczos8x8(HWY_MAYBE_UNUSED D8 d8, const float* HWY_RESTRICT p, size_t pairStep,
+                           const float* HWY_RESTRICT wx, const float* HWY_RESTRICT wy, float* HWY_RESTRICT acc) {
 #if HWY_TARGET != HWY_SCALAR
   if constexpr (hn::MaxLanes(d8) == 8) {
     // Rows 2q and 2q + 1 share a vector, one to each half; each lane still
-    // sums its own row alone, over the taps in order.
+    // sums its own row alone, over the taps in order, from 0. The pairs are
+    // independent sums that the processor overlaps; one base pointer and
+    // fixed offsets keep the addressing in registers.
     const hn::Half<D8> d4;
-    hn::Vec<hn::Half<D8>> sum[kPixels];
-    for (int k = 0; k < kPixels; ++k) sum[k] = hn::Zero(d4);
-    // One pair of rows at a time: a base pointer per pixel and taps at fixed
-    // offsets from it keep the addressing in registers.
+    const auto w0 = hn::Set(d8, wx[0]), w1 = hn::Set(d8, wx[1]), w2 = hn::Set(d8, wx[2]), w3 = hn::Set(d8, wx[3]);
+    const auto w4 = hn::Set(d8, wx[4]), w5 = hn::Set(d8, wx[5]), w6 = hn::Set(d8, wx[6]), w7 = hn::Set(d8, wx[7]);
+    auto sum = hn::Zero(d4);
 #pragma GCC unroll 1
-    for (int q = 0; q < 4; ++q) {
-      hn::Vec<D8> rows[kPixels];
-      const float* r[kPixels];
-      for (int k = 0; k < kPixels; ++k) {
-        rows[k] = hn::Zero(d8);
-        r[k] = p[k] + 2 * q * pairStep;
-      }
-#pragma GCC unroll 8
-      for (int i = 0; i < 8; ++i)
-        for (int k = 0; k < kPixels; ++k)
-          rows[k] = hn::Add(rows[k], hn::Mul(hn::LoadU(d8, r[k] + 8 * i), hn::Set(d8, wx[k][i])));
-      for (int k = 0; k < kPixels; ++k) {
-        sum[k] = hn::Add(sum[k], hn::Mul(hn::LowerHalf(d4, rows[k]), hn::Set(d4, wy[k][2 * q])));
-        sum[k] = hn::Add(sum[k], hn::Mul(hn::UpperHalf(d4, rows[k]), hn::Set(d4, wy[k][2 * q + 1])));
-      }
+    for (int q = 0; q < 4; ++q, p += 2 * pairStep) {
+      auto rows = hn::Add(hn::Zero(d8), hn::Mul(hn::LoadU(d8, p), w0));
+      rows = hn::Add(rows, hn::Mul(hn::LoadU(d8, p + 8), w1));
+      rows = hn::Add(rows, hn::Mul(hn::LoadU(d8, p + 16), w2));
+      rows = hn::Add(rows, hn::Mul(hn::LoadU(d8, p + 24), w3));
+      rows = hn::Add(rows, hn::Mul(hn::LoadU(d8, p + 32), w4));
+      rows = hn::Add(rows, hn::Mul(hn::LoadU(d8, p + 40), w5));
+      rows = hn::Add(rows, hn::Mul(hn::LoadU(d8, p + 48), w6));
+      rows = hn::Add(rows, hn::Mul(hn::LoadU(d8, p + 56), w7));
+      sum = hn::Add(sum, hn::Mul(hn::LowerHalf(d4, rows), hn::Set(d4, wy[2 * q])));
+      sum = hn::Add(sum, hn::Mul(hn::UpperHalf(d4, rows), hn::Set(d4, wy[2 * q + 1])));
     }
-    for (int k = 0; k < kPixels; ++k) hn::StoreU(sum[k], d4, acc[k]);
+    hn::StoreU(sum, d4, acc);
     return;
   }
 #endif
@@ -71,17 +66,16 @@ HWY_INLINE void Lanczos8x8(HWY_MAYBE_UNUSED D8 d8, const float* const* p, size_t
   // reading each row from the first half of its own pair-row.
   const hn::CappedTag<float, 4> d;
   const size_t N = hn::Lanes(d);
-  for (int k = 0; k < kPixels; ++k)
-    for (size_t lane = 0; lane < 4; lane += N) {
-      auto sum = hn::Zero(d);
-      for (int j = 0; j < 8; ++j) {
-        const float* row = p[k] + j * pairStep + lane;
-        auto rowAcc = hn::Zero(d);
-        for (int i = 0; i < 8; ++i) rowAcc = hn::Add(rowAcc, hn::Mul(hn::LoadU(d, row + 8 * i), hn::Set(d, wx[k][i])));
-        sum = hn::Add(sum, hn::Mul(rowAcc, hn::Set(d, wy[k][j])));
-      }
-      hn::StoreU(sum, d, acc[k] + lane);
+  for (size_t lane = 0; lane < 4; lane += N) {
+    auto sum = hn::Zero(d);
+    for (int j = 0; j < 8; ++j) {
+      const float* row = p + j * pairStep + lane;
+      auto rowAcc = hn::Zero(d);
+      for (int i = 0; i < 8; ++i) rowAcc = hn::Add(rowAcc, hn::Mul(hn::LoadU(d, row + 8 * i), hn::Set(d, wx[i])));
+      sum = hn::Add(sum, hn::Mul(rowAcc, hn::Set(d, wy[j])));
     }
+    hn::StoreU(sum, d, acc + lane);
+  }
 }
 
 }  // namespace
@@ -139,31 +133,14 @@ void PasteLanczos8Row(const WarpSource& src, const int* HWY_RESTRICT adelta, con
     hn::Store(syi, di, sys);
     hn::Store(fx, di, fxs);
     hn::Store(fy, di, fys);
-    // The pixels to paste, two at a time.
-    int lanes[kMax], count = 0;
-    for (int l = 0; l < N; ++l)
-      if (alphas[l] > 0.0f) lanes[count++] = l;
-    for (int u = 0; u < count; u += 2) {
-      const int pair = std::min(2, count - u);
-      const float* p[2];
-      const float* wx[2];
-      const float* wy[2];
-      alignas(16) float acc[2][4];
-      for (int k = 0; k < pair; ++k) {
-        const int l = lanes[u + k];
-        p[k] = src.rgbx + (static_cast<ptrdiff_t>(sys[l] - 3) * src.stride + (sxs[l] - 3)) * 8;
-        wx[k] = src.lanc + 8 * fxs[l];
-        wy[k] = src.lanc + 8 * fys[l];
-      }
-      if (pair == 2)
-        Lanczos8x8<2>(d8, p, pairStep, wx, wy, acc);
-      else
-        Lanczos8x8<1>(d8, p, pairStep, wx, wy, acc);
-      for (int k = 0; k < pair; ++k) {
-        const int l = lanes[u + k];
-        uint8_t* px = dstRow + 3 * static_cast<size_t>(x + l);
-        for (int c = 0; c < 3; ++c) px[c] = paste::blendByte(alphas[l], acc[k][c], px[c]);
-      }
+    for (int l = 0; l < N; ++l) {
+      const float a = alphas[l];
+      if (!(a > 0.0f)) continue;
+      const float* p = src.rgbx + (static_cast<ptrdiff_t>(sys[l] - 3) * src.stride + (sxs[l] - 3)) * 8;
+      alignas(16) float acc[4];
+      Lanczos8x8(d8, p, pairStep, src.lanc + 8 * fxs[l], src.lanc + 8 * fys[l], acc);
+      uint8_t* px = dstRow + 3 * static_cast<size_t>(x + l);
+      for (int c = 0; c < 3; ++c) px[c] = paste::blendByte(a, acc[c], px[c]);
     }
   }
 }

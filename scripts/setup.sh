@@ -27,6 +27,10 @@ command -v npm >/dev/null || need+=(nodejs npm)
 for p in libhwy-dev libstb-dev libgtest-dev libgmock-dev python3-numpy python3-onnx python3-pil libonnx-testdata; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
 done
+# OpenCV's image processing, for the paste benchmark's comparison only: never
+# linked into the library.
+dpkg-query -W -f='${Status}' libopencv-imgproc-dev 2>/dev/null | grep -q 'install ok installed' ||
+  need+=(libopencv-imgproc-dev)
 if [ ${#need[@]} -gt 0 ]; then
   echo "setup: installing ${need[*]}"
   sudo=""
