@@ -271,8 +271,7 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
                              stride,
                              side_,
                              maskBorder_.data(),
-                             lanc_.data(),
-                             bil_.data()};
+                             lanc_.data()};
   pool::parallelRange(static_cast<size_t>(y1 - y0 + 1), kGrain, [&](size_t lo, size_t hi) {
     for (size_t r = lo; r < hi; ++r) {
       const int y = y0 + static_cast<int>(r);

@@ -46,12 +46,12 @@ struct WarpSource {
   // one pixel; rows side + 2 bytes apart, 4 spare bytes at the end.
   const std::uint8_t* mask;
   const float* lanc;  // 32 phases x 8 taps
-  const float* bil;   // 32 phases x 2 taps
 };
 
 // One frame row of the reference paste: for x in [x0, x1], the source
 // position X = X0 + adelta[x - x0], Y = Y0 + bdelta[x - x0] (1/1024 pixel,
-// 32-bit wrapping sums), the mask weight rounded to 8 bits, the 8x8 Lanczos
+// 32-bit wrapping sums), the mask weight rounded to 8 bits (bilinear weights
+// f/32 and 1 - f/32 for phase f, exact in float, as the table holds them), the 8x8 Lanczos
 // sample (row sums then column sum in ascending tap order; taps on the zero
 // border add exactly nothing) and the truncating blend into
 // dstRow[3x .. 3x+2]. Pixels out of reach or under a zero mask are left as

@@ -10,6 +10,7 @@
 // The per-lane order of operations is the same on every target:
 // rowAcc += pixel * wx[i] for i ascending, then acc += rowAcc * wy[j] for j
 // ascending, each product rounded before it is added.
+#include <algorithm>
 #include <cstddef>
 
 #include "compute/simd_targets.h"
@@ -100,9 +101,17 @@ void PasteLanczos8Row(const WarpSource& src, const int* HWY_RESTRICT adelta, con
   // halves to even, with plain arithmetic on every target.
   const auto magic = hn::Set(df, 8388608.0f);
   const auto v255 = hn::Set(df, 255.0f);
+  const auto step = hn::Set(df, 1.0f / 32.0f), unit = hn::Set(df, 1.0f);
+
+  const hn::Rebind<uint8_t, decltype(df)> du8;
+  const auto zero = hn::Zero(df);
 
   alignas(64) int32_t sxs[kMax], sys[kMax], fxs[kMax], fys[kMax];
   alignas(64) float alphas[kMax];
+  // Per pixel of the block, three floats each: its Lanczos samples and its
+  // weight, repeated for the three channels as the frame's bytes lie. One
+  // float to spare, since a pixel's samples are stored four at a time.
+  alignas(64) float samples[3 * kMax + 1], weights[3 * kMax];
   const hn::CappedTag<float, 8> d8;
   for (int x = x0; x <= x1; x += N) {
     const int k = x - x0;
@@ -112,7 +121,8 @@ void PasteLanczos8Row(const WarpSource& src, const int* HWY_RESTRICT adelta, con
     const auto fx = hn::And(hn::ShiftRight<5>(X), phase), fy = hn::And(hn::ShiftRight<5>(Y), phase);
     const auto inside = hn::And(hn::And(hn::Gt(sxi, lowest), hn::Lt(sxi, vSide)),
                                 hn::And(hn::Gt(syi, lowest), hn::Lt(syi, vSide)));
-    const auto valid = hn::And(inside, hn::FirstN(di, static_cast<size_t>(x1 - x + 1)));
+    const int count = std::min(N, x1 - x + 1);
+    const auto valid = hn::And(inside, hn::FirstN(di, static_cast<size_t>(count)));
     const auto off = hn::IfThenElseZero(valid, hn::Add(hn::Mul(hn::Add(syi, one), vStride), hn::Add(sxi, one)));
     const auto top = hn::GatherOffset(di, mask32, off);
     const auto bottom = hn::GatherOffset(di, mask32, hn::Add(off, vStride));
@@ -120,27 +130,45 @@ void PasteLanczos8Row(const WarpSource& src, const int* HWY_RESTRICT adelta, con
     const auto m01 = hn::ConvertTo(df, hn::And(hn::ShiftRight<8>(top), byte));
     const auto m10 = hn::ConvertTo(df, hn::And(bottom, byte));
     const auto m11 = hn::ConvertTo(df, hn::And(hn::ShiftRight<8>(bottom), byte));
-    const auto fx2 = hn::Add(fx, fx), fy2 = hn::Add(fy, fy);
-    const auto wx0 = hn::GatherIndex(df, src.bil, fx2), wx1 = hn::GatherIndex(df, src.bil, hn::Add(fx2, one));
-    const auto wy0 = hn::GatherIndex(df, src.bil, fy2), wy1 = hn::GatherIndex(df, src.bil, hn::Add(fy2, one));
+    // The bilinear weights of phase f, f/32 and 1 - f/32, are exact in
+    // float: worked out here they are the table's bits without a lookup.
+    const auto wx1 = hn::Mul(hn::ConvertTo(df, fx), step), wy1 = hn::Mul(hn::ConvertTo(df, fy), step);
+    const auto wx0 = hn::Sub(unit, wx1), wy0 = hn::Sub(unit, wy1);
     const auto m = hn::Add(hn::Mul(wy0, hn::Add(hn::Mul(wx0, m00), hn::Mul(wx1, m01))),
                            hn::Mul(wy1, hn::Add(hn::Mul(wx0, m10), hn::Mul(wx1, m11))));
     const auto alpha = hn::Div(hn::Sub(hn::Add(m, magic), magic), v255);
-    const auto hit = hn::And(hn::RebindMask(df, valid), hn::Gt(alpha, hn::Zero(df)));
+    const auto hit = hn::And(hn::RebindMask(df, valid), hn::Gt(alpha, zero));
     if (hn::AllFalse(df, hit)) continue;
     hn::Store(hn::IfThenElseZero(hit, alpha), df, alphas);
     hn::Store(sxi, di, sxs);
     hn::Store(syi, di, sys);
     hn::Store(fx, di, fxs);
     hn::Store(fy, di, fys);
+    for (int v = 0; v < 3; ++v) hn::Store(zero, df, samples + v * N);
     for (int l = 0; l < N; ++l) {
       const float a = alphas[l];
+      weights[3 * l] = weights[3 * l + 1] = weights[3 * l + 2] = a;
       if (!(a > 0.0f)) continue;
       const float* p = src.rgbx + (static_cast<ptrdiff_t>(sys[l] - 3) * src.stride + (sxs[l] - 3)) * 8;
-      alignas(16) float acc[4];
-      Lanczos8x8(d8, p, pairStep, src.lanc + 8 * fxs[l], src.lanc + 8 * fys[l], acc);
-      uint8_t* px = dstRow + 3 * static_cast<size_t>(x + l);
-      for (int c = 0; c < 3; ++c) px[c] = paste::blendByte(a, acc[c], px[c]);
+      Lanczos8x8(d8, p, pairStep, src.lanc + 8 * fxs[l], src.lanc + 8 * fys[l], samples + 3 * l);
+    }
+    uint8_t* px = dstRow + 3 * static_cast<size_t>(x);
+    if (count < N) {
+      for (int i = 0; i < 3 * count; ++i)
+        if (weights[i] > 0.0f) px[i] = paste::blendByte(weights[i], samples[i], px[i]);
+      continue;
+    }
+    // A whole block blends as vectors. Where the weight is 0 (and the sample
+    // 0), alpha*v + (1 - alpha)*dst is dst exactly, so the byte stays as it
+    // was.
+    const auto top255 = hn::Set(df, 255.0f);
+    for (int v = 0; v < 3; ++v) {
+      uint8_t* q = px + v * N;
+      const auto a = hn::Load(df, weights + v * N);
+      const auto dst = hn::ConvertTo(df, hn::PromoteTo(di, hn::LoadU(du8, q)));
+      const auto out = hn::Add(hn::Mul(a, hn::Load(df, samples + v * N)), hn::Mul(hn::Sub(unit, a), dst));
+      const auto clipped = hn::IfThenElseZero(hn::Gt(out, zero), hn::IfThenElse(hn::Lt(out, top255), out, top255));
+      hn::StoreU(hn::DemoteTo(du8, hn::ConvertTo(di, clipped)), du8, q);
     }
   }
 }
