@@ -47,7 +47,25 @@ void UnsharpRowH(const float* HWY_RESTRICT src, int side, float scale, const flo
   for (; t < m; ++t) scratch[t] = src[reflect101(first + t, side)] * scale;
   for (int k = 0; k < N; ++k) scratch[m + k] = 0.0f;  // the last vector's spare lanes read defined values
 
-  for (int x = 0; x < n; x += N) {
+  // Four vectors at a time share each tap's weight and give the processor
+  // four independent sums.
+  int x = 0;
+  for (; x + 4 * N <= n; x += 4 * N) {
+    auto a0 = hn::Zero(d), a1 = hn::Zero(d), a2 = hn::Zero(d), a3 = hn::Zero(d);
+    for (int i = 0; i < ksize; ++i) {
+      const auto w = hn::Set(d, g[i]);
+      const float* in = scratch + x + i;
+      a0 = hn::Add(a0, hn::Mul(w, hn::LoadU(d, in)));
+      a1 = hn::Add(a1, hn::Mul(w, hn::LoadU(d, in + N)));
+      a2 = hn::Add(a2, hn::Mul(w, hn::LoadU(d, in + 2 * N)));
+      a3 = hn::Add(a3, hn::Mul(w, hn::LoadU(d, in + 3 * N)));
+    }
+    hn::StoreU(a0, d, out + x);
+    hn::StoreU(a1, d, out + x + N);
+    hn::StoreU(a2, d, out + x + 2 * N);
+    hn::StoreU(a3, d, out + x + 3 * N);
+  }
+  for (; x < n; x += N) {
     auto acc = hn::Zero(d);
     for (int i = 0; i < ksize; ++i) acc = hn::Add(acc, hn::Mul(hn::Set(d, g[i]), hn::LoadU(d, scratch + x + i)));
     hn::StoreU(acc, d, out + x);
@@ -56,18 +74,24 @@ void UnsharpRowH(const float* HWY_RESTRICT src, int side, float scale, const flo
 
 namespace {
 
-// Lanes [t, t + N) of a vertical row; src holds the N plane values.
+// The unsharp step of lanes whose vertical sum is acc; plane holds the
+// scaled crop values.
+template <class D>
+HWY_INLINE hn::Vec<D> UnsharpStep(D d, hn::Vec<D> acc, hn::Vec<D> plane, float keep, float amount) {
+  const auto v = hn::Sub(hn::Mul(plane, hn::Set(d, keep)), hn::Mul(acc, hn::Set(d, amount)));
+  // Below 0 and NaN give 0, above 255 gives 255: the comparisons fail on NaN.
+  const auto hi = hn::Set(d, 255.0f);
+  return hn::IfThenElseZero(hn::Gt(v, hn::Zero(d)), hn::IfThenElse(hn::Lt(v, hi), v, hi));
+}
+
+// Lanes [t, t + N) of a vertical row; src holds the N crop values.
 template <class D>
 HWY_INLINE hn::Vec<D> VerticalBlock(D d, const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g,
                                     int ksize, int t, const float* HWY_RESTRICT src, float scale, float keep,
                                     float amount) {
   auto acc = hn::Zero(d);
   for (int i = 0; i < ksize; ++i) acc = hn::Add(acc, hn::Mul(hn::Set(d, g[i]), hn::LoadU(d, rows[i] + t)));
-  const auto plane = hn::Mul(hn::LoadU(d, src), hn::Set(d, scale));
-  const auto v = hn::Sub(hn::Mul(plane, hn::Set(d, keep)), hn::Mul(acc, hn::Set(d, amount)));
-  // Below 0 and NaN give 0, above 255 gives 255: the comparisons fail on NaN.
-  const auto hi = hn::Set(d, 255.0f);
-  return hn::IfThenElseZero(hn::Gt(v, hn::Zero(d)), hn::IfThenElse(hn::Lt(v, hi), v, hi));
+  return UnsharpStep(d, acc, hn::Mul(hn::LoadU(d, src), hn::Set(d, scale)), keep, amount);
 }
 
 }  // namespace
@@ -78,7 +102,24 @@ void UnsharpRowV(const float* const* HWY_RESTRICT rows, const float* HWY_RESTRIC
   const hn::ScalableTag<float> d;
   constexpr int kMax = static_cast<int>(hn::MaxLanes(d));
   const int N = static_cast<int>(hn::Lanes(d));
+  const auto vs = hn::Set(d, scale);
   int t = 0;
+  // Four vectors at a time, as in the horizontal pass.
+  for (; t + 4 * N <= n; t += 4 * N) {
+    auto a0 = hn::Zero(d), a1 = hn::Zero(d), a2 = hn::Zero(d), a3 = hn::Zero(d);
+    for (int i = 0; i < ksize; ++i) {
+      const auto w = hn::Set(d, g[i]);
+      const float* in = rows[i] + t;
+      a0 = hn::Add(a0, hn::Mul(w, hn::LoadU(d, in)));
+      a1 = hn::Add(a1, hn::Mul(w, hn::LoadU(d, in + N)));
+      a2 = hn::Add(a2, hn::Mul(w, hn::LoadU(d, in + 2 * N)));
+      a3 = hn::Add(a3, hn::Mul(w, hn::LoadU(d, in + 3 * N)));
+    }
+    hn::StoreU(UnsharpStep(d, a0, hn::Mul(hn::LoadU(d, src + t), vs), keep, amount), d, out + t);
+    hn::StoreU(UnsharpStep(d, a1, hn::Mul(hn::LoadU(d, src + t + N), vs), keep, amount), d, out + t + N);
+    hn::StoreU(UnsharpStep(d, a2, hn::Mul(hn::LoadU(d, src + t + 2 * N), vs), keep, amount), d, out + t + 2 * N);
+    hn::StoreU(UnsharpStep(d, a3, hn::Mul(hn::LoadU(d, src + t + 3 * N), vs), keep, amount), d, out + t + 3 * N);
+  }
   for (; t + N <= n; t += N) hn::StoreU(VerticalBlock(d, rows, g, ksize, t, src + t, scale, keep, amount), d, out + t);
   if (t < n) {
     // The rows have whole vectors to spare; src and out are staged.
