@@ -196,19 +196,21 @@ Paste::Rect Paste::frameReach(int x0, int x1, int y0, int y1, double ia, double 
   // after that; one more pixel each side is spare.
   double sx[2] = {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
   double sy[2] = {sx[0], sx[1]};
+  // Where a term of the fixed-point mapping reaches about a million pixels,
+  // its 32-bit sums may saturate or wrap and land anywhere: only the whole
+  // square is a safe answer. Each term, like the sum, is extreme at a corner.
+  constexpr double kSafe = 1 << 20;
+  const auto safe = [&](double v) { return std::fabs(v) < kSafe; };
   for (const int y : {y0, y1})
     for (const int x : {x0, x1}) {
       const double u = ia * x + ib * y + itx, v = ic * x + id * y + ity;
+      if (!safe(ia * x) || !safe(ic * x) || !safe(ib * y + itx) || !safe(id * y + ity) || !safe(u) || !safe(v))
+        return whole;
       sx[0] = std::min(sx[0], u);
       sx[1] = std::max(sx[1], u);
       sy[0] = std::min(sy[0], v);
       sy[1] = std::max(sy[1], v);
     }
-  // Beyond about a million pixels the 32-bit fixed-point sums may saturate
-  // or wrap, and only the whole square is a safe answer.
-  constexpr double kSafe = 1 << 20;
-  for (const double v : {sx[0], sx[1], sy[0], sy[1]})
-    if (!(std::fabs(v) < kSafe)) return whole;
   const auto lo = [&](double v) { return std::clamp(static_cast<int>(std::floor(v)) - 5, 0, side_); };
   const auto hi = [&](double v) { return std::clamp(static_cast<int>(std::floor(v)) + 7, 0, side_); };
   return {lo(sx[0]), lo(sy[0]), hi(sx[1]), hi(sy[1])};

@@ -28,9 +28,10 @@ void unsharpRowH(const float* src, int side, float scale, const float* g, int ks
 void unsharpRowV(const float* const* rows, const float* g, int ksize, const float* src, float scale, float keep,
                  float amount, int n, float* out);
 
-// The warp's pixel of 4 floats (R, G, B, 0) for t in [0, n), written twice,
-// 8 floats apart: to a + 8t and to b + 8t.
-void interleaveRgbx(const float* r, const float* g, const float* b, int n, float* a, float* b2);
+// The warp's pixels of 4 floats (R, G, B, 0) for t in [0, n), each written
+// twice: to first + 8t and to second + 8t (the two halves of pair-rows, see
+// WarpSource).
+void interleaveRgbx(const float* r, const float* g, const float* b, int n, float* first, float* second);
 
 // What the warp reads, laid out so that no tap needs a bounds test.
 struct WarpSource {
@@ -50,12 +51,13 @@ struct WarpSource {
 
 // One frame row of the reference paste: for x in [x0, x1], the source
 // position X = X0 + adelta[x - x0], Y = Y0 + bdelta[x - x0] (1/1024 pixel,
-// 32-bit wrapping sums), the mask weight rounded to 8 bits (bilinear weights
-// f/32 and 1 - f/32 for phase f, exact in float, as the table holds them), the 8x8 Lanczos
-// sample (row sums then column sum in ascending tap order; taps on the zero
-// border add exactly nothing) and the truncating blend into
-// dstRow[3x .. 3x+2]. Pixels out of reach or under a zero mask are left as
-// they are. adelta and bdelta hold kPasteSlack readable entries past x1 - x0.
+// 32-bit wrapping sums), the mask weight rounded to 8 bits (with the bilinear
+// weights f/32 and 1 - f/32 of phase f, exact in float, as the table holds
+// them), the 8x8 Lanczos sample (row sums then column sum in ascending tap
+// order; taps on the zero border add exactly nothing) and the truncating
+// blend into dstRow[3x .. 3x+2]. Pixels out of reach or under a zero weight
+// keep their bytes. adelta and bdelta hold kPasteSlack readable entries past
+// x1 - x0.
 void pasteLanczos8Row(const WarpSource& src, const int* adelta, const int* bdelta, int X0, int Y0, int x0, int x1,
                       std::uint8_t* dstRow);
 

@@ -26,6 +26,32 @@ int reflect101(int i, int n) {
   return i;
 }
 
+// kBlocks vectors of Gaussian sums, side by side: acc[k] = sum over i
+// ascending of g[i] * tap(i)[k*N ..], from 0. The blocks share each tap's
+// weight, and their independent sums keep the processor busy.
+template <int kBlocks, class D, class Tap>
+HWY_INLINE void TapSums(D d, const float* HWY_RESTRICT g, int ksize, const Tap& tap, hn::Vec<D>* acc) {
+  const size_t N = hn::Lanes(d);
+#pragma GCC unroll 4
+  for (int k = 0; k < kBlocks; ++k) acc[k] = hn::Zero(d);
+  for (int i = 0; i < ksize; ++i) {
+    const auto w = hn::Set(d, g[i]);
+    const float* in = tap(i);
+#pragma GCC unroll 4
+    for (int k = 0; k < kBlocks; ++k) acc[k] = hn::Add(acc[k], hn::Mul(w, hn::LoadU(d, in + k * N)));
+  }
+}
+
+// The unsharp step of lanes whose vertical sum is acc; plane holds the
+// scaled crop values.
+template <class D>
+HWY_INLINE hn::Vec<D> UnsharpStep(D d, hn::Vec<D> acc, hn::Vec<D> plane, float keep, float amount) {
+  const auto v = hn::Sub(hn::Mul(plane, hn::Set(d, keep)), hn::Mul(acc, hn::Set(d, amount)));
+  // Below 0 and NaN give 0, above 255 gives 255: the comparisons fail on NaN.
+  const auto hi = hn::Set(d, 255.0f);
+  return hn::IfThenElseZero(hn::Gt(v, hn::Zero(d)), hn::IfThenElse(hn::Lt(v, hi), v, hi));
+}
+
 }  // namespace
 
 void UnsharpRowH(const float* HWY_RESTRICT src, int side, float scale, const float* HWY_RESTRICT g, int ksize,
@@ -47,54 +73,19 @@ void UnsharpRowH(const float* HWY_RESTRICT src, int side, float scale, const flo
   for (; t < m; ++t) scratch[t] = src[reflect101(first + t, side)] * scale;
   for (int k = 0; k < N; ++k) scratch[m + k] = 0.0f;  // the last vector's spare lanes read defined values
 
-  // Four vectors at a time share each tap's weight and give the processor
-  // four independent sums.
   int x = 0;
   for (; x + 4 * N <= n; x += 4 * N) {
-    auto a0 = hn::Zero(d), a1 = hn::Zero(d), a2 = hn::Zero(d), a3 = hn::Zero(d);
-    for (int i = 0; i < ksize; ++i) {
-      const auto w = hn::Set(d, g[i]);
-      const float* in = scratch + x + i;
-      a0 = hn::Add(a0, hn::Mul(w, hn::LoadU(d, in)));
-      a1 = hn::Add(a1, hn::Mul(w, hn::LoadU(d, in + N)));
-      a2 = hn::Add(a2, hn::Mul(w, hn::LoadU(d, in + 2 * N)));
-      a3 = hn::Add(a3, hn::Mul(w, hn::LoadU(d, in + 3 * N)));
-    }
-    hn::StoreU(a0, d, out + x);
-    hn::StoreU(a1, d, out + x + N);
-    hn::StoreU(a2, d, out + x + 2 * N);
-    hn::StoreU(a3, d, out + x + 3 * N);
+    hn::Vec<decltype(d)> acc[4];
+    TapSums<4>(d, g, ksize, [&](int i) { return scratch + x + i; }, acc);
+#pragma GCC unroll 4
+    for (int k = 0; k < 4; ++k) hn::StoreU(acc[k], d, out + x + k * N);
   }
   for (; x < n; x += N) {
-    auto acc = hn::Zero(d);
-    for (int i = 0; i < ksize; ++i) acc = hn::Add(acc, hn::Mul(hn::Set(d, g[i]), hn::LoadU(d, scratch + x + i)));
-    hn::StoreU(acc, d, out + x);
+    hn::Vec<decltype(d)> acc[1];
+    TapSums<1>(d, g, ksize, [&](int i) { return scratch + x + i; }, acc);
+    hn::StoreU(acc[0], d, out + x);
   }
 }
-
-namespace {
-
-// The unsharp step of lanes whose vertical sum is acc; plane holds the
-// scaled crop values.
-template <class D>
-HWY_INLINE hn::Vec<D> UnsharpStep(D d, hn::Vec<D> acc, hn::Vec<D> plane, float keep, float amount) {
-  const auto v = hn::Sub(hn::Mul(plane, hn::Set(d, keep)), hn::Mul(acc, hn::Set(d, amount)));
-  // Below 0 and NaN give 0, above 255 gives 255: the comparisons fail on NaN.
-  const auto hi = hn::Set(d, 255.0f);
-  return hn::IfThenElseZero(hn::Gt(v, hn::Zero(d)), hn::IfThenElse(hn::Lt(v, hi), v, hi));
-}
-
-// Lanes [t, t + N) of a vertical row; src holds the N crop values.
-template <class D>
-HWY_INLINE hn::Vec<D> VerticalBlock(D d, const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g,
-                                    int ksize, int t, const float* HWY_RESTRICT src, float scale, float keep,
-                                    float amount) {
-  auto acc = hn::Zero(d);
-  for (int i = 0; i < ksize; ++i) acc = hn::Add(acc, hn::Mul(hn::Set(d, g[i]), hn::LoadU(d, rows[i] + t)));
-  return UnsharpStep(d, acc, hn::Mul(hn::LoadU(d, src), hn::Set(d, scale)), keep, amount);
-}
-
-}  // namespace
 
 void UnsharpRowV(const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g, int ksize,
                  const float* HWY_RESTRICT src, float scale, float keep, float amount, int n,
@@ -103,35 +94,30 @@ void UnsharpRowV(const float* const* HWY_RESTRICT rows, const float* HWY_RESTRIC
   constexpr int kMax = static_cast<int>(hn::MaxLanes(d));
   const int N = static_cast<int>(hn::Lanes(d));
   const auto vs = hn::Set(d, scale);
+  hn::Vec<decltype(d)> acc[4];
   int t = 0;
-  // Four vectors at a time, as in the horizontal pass.
   for (; t + 4 * N <= n; t += 4 * N) {
-    auto a0 = hn::Zero(d), a1 = hn::Zero(d), a2 = hn::Zero(d), a3 = hn::Zero(d);
-    for (int i = 0; i < ksize; ++i) {
-      const auto w = hn::Set(d, g[i]);
-      const float* in = rows[i] + t;
-      a0 = hn::Add(a0, hn::Mul(w, hn::LoadU(d, in)));
-      a1 = hn::Add(a1, hn::Mul(w, hn::LoadU(d, in + N)));
-      a2 = hn::Add(a2, hn::Mul(w, hn::LoadU(d, in + 2 * N)));
-      a3 = hn::Add(a3, hn::Mul(w, hn::LoadU(d, in + 3 * N)));
-    }
-    hn::StoreU(UnsharpStep(d, a0, hn::Mul(hn::LoadU(d, src + t), vs), keep, amount), d, out + t);
-    hn::StoreU(UnsharpStep(d, a1, hn::Mul(hn::LoadU(d, src + t + N), vs), keep, amount), d, out + t + N);
-    hn::StoreU(UnsharpStep(d, a2, hn::Mul(hn::LoadU(d, src + t + 2 * N), vs), keep, amount), d, out + t + 2 * N);
-    hn::StoreU(UnsharpStep(d, a3, hn::Mul(hn::LoadU(d, src + t + 3 * N), vs), keep, amount), d, out + t + 3 * N);
+    TapSums<4>(d, g, ksize, [&](int i) { return rows[i] + t; }, acc);
+#pragma GCC unroll 4
+    for (int k = 0; k < 4; ++k)
+      hn::StoreU(UnsharpStep(d, acc[k], hn::Mul(hn::LoadU(d, src + t + k * N), vs), keep, amount), d, out + t + k * N);
   }
-  for (; t + N <= n; t += N) hn::StoreU(VerticalBlock(d, rows, g, ksize, t, src + t, scale, keep, amount), d, out + t);
+  for (; t + N <= n; t += N) {
+    TapSums<1>(d, g, ksize, [&](int i) { return rows[i] + t; }, acc);
+    hn::StoreU(UnsharpStep(d, acc[0], hn::Mul(hn::LoadU(d, src + t), vs), keep, amount), d, out + t);
+  }
   if (t < n) {
     // The rows have whole vectors to spare; src and out are staged.
     float in[kMax] = {}, res[kMax];
     for (int k = t; k < n; ++k) in[k - t] = src[k];
-    hn::StoreU(VerticalBlock(d, rows, g, ksize, t, in, scale, keep, amount), d, res);
+    TapSums<1>(d, g, ksize, [&](int i) { return rows[i] + t; }, acc);
+    hn::StoreU(UnsharpStep(d, acc[0], hn::Mul(hn::LoadU(d, in), vs), keep, amount), d, res);
     for (int k = t; k < n; ++k) out[k] = res[k - t];
   }
 }
 
 void InterleaveRgbx(const float* HWY_RESTRICT r, const float* HWY_RESTRICT g, const float* HWY_RESTRICT b, int n,
-                    float* HWY_RESTRICT a, float* HWY_RESTRICT b2) {
+                    float* HWY_RESTRICT first, float* HWY_RESTRICT second) {
   const hn::ScalableTag<float> d;
   constexpr int kMax = static_cast<int>(hn::MaxLanes(d));
   const int N = static_cast<int>(hn::Lanes(d));
@@ -145,13 +131,13 @@ void InterleaveRgbx(const float* HWY_RESTRICT r, const float* HWY_RESTRICT g, co
     for (int k = 0; k < 4 * N; k += N4) {
       const auto v = hn::Load(d4, px + k);
       const int at = 8 * t + 2 * (k - k % 4) + k % 4;
-      hn::StoreU(v, d4, a + at);
-      hn::StoreU(v, d4, b2 + at);
+      hn::StoreU(v, d4, first + at);
+      hn::StoreU(v, d4, second + at);
     }
   }
   for (; t < n; ++t) {
     const float v[4] = {r[t], g[t], b[t], 0.0f};
-    for (int c = 0; c < 4; ++c) a[8 * t + c] = b2[8 * t + c] = v[c];
+    for (int c = 0; c < 4; ++c) first[8 * t + c] = second[8 * t + c] = v[c];
   }
 }
 
@@ -176,8 +162,8 @@ void unsharpRowV(const float* const* rows, const float* g, int ksize, const floa
   HWY_DYNAMIC_DISPATCH(UnsharpRowV)(rows, g, ksize, src, scale, keep, amount, n, out);
 }
 
-void interleaveRgbx(const float* r, const float* g, const float* b, int n, float* a, float* b2) {
-  HWY_DYNAMIC_DISPATCH(InterleaveRgbx)(r, g, b, n, a, b2);
+void interleaveRgbx(const float* r, const float* g, const float* b, int n, float* first, float* second) {
+  HWY_DYNAMIC_DISPATCH(InterleaveRgbx)(r, g, b, n, first, second);
 }
 
 }  // namespace le::simd

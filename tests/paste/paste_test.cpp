@@ -337,6 +337,16 @@ TEST(PasteTables, GaussBilinearCubic) {
   }
 }
 
+TEST(PasteTables, BilinearWeightsAreExactSteps) {
+  // The warp's row kernel works the mask weights out as f/32 and 1 - f/32
+  // rather than reading them: the table must hold exactly those.
+  const auto bil = le::paste::bilinearTable();
+  for (int i = 0; i < 32; ++i) {
+    EXPECT_EQ(bil[2 * i + 1], static_cast<float>(i) * (1.0f / 32.0f)) << i;
+    EXPECT_EQ(bil[2 * i], 1.0f - static_cast<float>(i) * (1.0f / 32.0f)) << i;
+  }
+}
+
 TEST(PasteSettings, KernelSizeAndModeVariables) {
   const le::Unsharp u{0.5f, 1.2f, 7};
   const auto mask = softMask(16);
