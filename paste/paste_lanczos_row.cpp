@@ -161,13 +161,12 @@ void PasteLanczos8Row(const WarpSource& src, const int* HWY_RESTRICT adelta, con
     // A whole block blends as vectors. Where the weight is 0 (and the sample
     // 0), alpha*v + (1 - alpha)*dst is dst exactly, so the byte stays as it
     // was.
-    const auto top255 = hn::Set(df, 255.0f);
     for (int v = 0; v < 3; ++v) {
       uint8_t* q = px + v * N;
       const auto a = hn::Load(df, weights + v * N);
       const auto dst = hn::ConvertTo(df, hn::PromoteTo(di, hn::LoadU(du8, q)));
       const auto out = hn::Add(hn::Mul(a, hn::Load(df, samples + v * N)), hn::Mul(hn::Sub(unit, a), dst));
-      const auto clipped = hn::IfThenElseZero(hn::Gt(out, zero), hn::IfThenElse(hn::Lt(out, top255), out, top255));
+      const auto clipped = hn::IfThenElseZero(hn::Gt(out, zero), hn::IfThenElse(hn::Lt(out, v255), out, v255));
       hn::StoreU(hn::DemoteTo(du8, hn::ConvertTo(di, clipped)), du8, q);
     }
   }
