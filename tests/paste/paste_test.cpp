@@ -141,7 +141,7 @@ void expectSameOn(const std::vector<uint8_t>& mask, int side, int ksize, float a
   auto ref = mine;
   const auto before = mine;
   paste.composite(crop.data(), 255.0f, M, mine.data(), W, H);
-  le::test::referencePaste(mask, side, amount, tables, 0, crop.data(), 255.0f, M, ref.data(), W, H);
+  le::test::referencePaste(mask, side, amount, tables, paste.fastMode(), crop.data(), 255.0f, M, ref.data(), W, H);
   ASSERT_EQ(mine, ref);
   EXPECT_NE(mine, before) << "the geometry pasted nothing, so it checks nothing";
 }
@@ -230,6 +230,27 @@ TEST(PasteBytes, CropsHangingOffTheFrame) {
       expectSameOn(edgeRamp, side, 5, 0.6f, geometries[g].data(), kW, kH, 91);
     }
   });
+}
+
+TEST(PasteBytes, BicubicAndBilinearOverPartOfTheCrop) {
+  // The interpolating modes sample the sharpened planes, which are likewise
+  // sharpened only where the mask and the frame reach.
+  const int side = 40;
+  std::vector<uint8_t> corner(side * side, 0);
+  for (int y = side - 9; y < side; ++y)
+    for (int x = 0; x < 12; ++x) corner[y * side + x] = 200;
+  const std::vector<std::vector<float>> geometries = {
+      placed(side, 1.6f, 0.3f, 48.0f, 30.0f),
+      placed(side, 3.0f, -0.2f, 70.0f, 10.0f),
+      placed(side, 1.0f, 0.0f, 15.5f, 50.25f),
+  };
+  for (const char* mode : {"1", "2"}) {
+    ScopedEnv fast("LE_PASTE_FAST", mode);
+    for (size_t g = 0; g < geometries.size(); ++g) {
+      SCOPED_TRACE(std::string("LE_PASTE_FAST=") + mode + " geometry " + std::to_string(g));
+      expectSameOn(corner, side, 7, 0.8f, geometries[g].data(), kW, kH, 120);
+    }
+  }
 }
 
 TEST(PasteBytes, NarrowFramesAndShortRows) {
