@@ -20,8 +20,11 @@ namespace le {
 namespace {
 
 constexpr size_t kGrain = 64;
-// The vertical pass keeps one row of sums on the stack.
+// Rows of the sharpening stages live on the stack.
 constexpr int kMaxSide = 1024;
+// The zero border around the warp's copy of the crop: the Lanczos taps reach
+// 3 pixels before and 4 after a source position of -1 to side - 1.
+constexpr int kBorder = 4;
 
 int reflect101(int i, int n) {
   if (i < 0) i = -i;
@@ -67,18 +70,51 @@ Paste::Paste(std::vector<uint8_t> mask, int side, const Unsharp& u)
   if (ksize_ / 2 >= side_)
     throw std::runtime_error("paste: ksize " + std::to_string(ksize_) + " reaches past a " + std::to_string(side_) +
                              "-pixel crop");
-  // This build has no GPU executor (LE_PASTE_METAL has nothing to engage or
-  // verify); the CPU body below is the whole paste.
+  const char* metal = std::getenv("LE_PASTE_METAL");
+  if (metal && std::strcmp(metal, "verify") == 0) metalMode_ = 2;
+  if (fastMode_ != 0) {
+    std::fprintf(stderr,
+                 "[le-paste-metal] LE_PASTE_FAST=%d set — Metal covers the lanczos8 reference only; CPU paste\n",
+                 fastMode_);
+    metalMode_ = 0;
+  }
 
   gauss_ = paste::gaussTaps(ksize_, u.sigma);
   lanc_ = paste::lanczosTable();
   bil_ = paste::bilinearTable();
   cubic_ = paste::cubicTable();
+
+  const int ms = side_ + 2;
+  maskBorder_.assign(static_cast<size_t>(ms) * ms + 4, 0);
+  int mx0 = side_, my0 = side_, mx1 = -1, my1 = -1;
+  for (int y = 0; y < side_; ++y)
+    for (int x = 0; x < side_; ++x) {
+      const uint8_t v = mask_[static_cast<size_t>(y) * side_ + x];
+      maskBorder_[static_cast<size_t>(y + 1) * ms + x + 1] = v;
+      if (v == 0) continue;
+      mx0 = std::min(mx0, x);
+      mx1 = std::max(mx1, x);
+      my0 = std::min(my0, y);
+      my1 = std::max(my1, y);
+    }
+  // A weight above 0 needs a nonzero byte at column sxi or sxi + 1, so sxi
+  // lies in [mx0 - 1, mx1] and the Lanczos taps in [mx0 - 4, mx1 + 4]; the
+  // bicubic and bilinear taps lie within those. The same holds for rows.
+  if (mx1 < 0)
+    maskReach_ = {0, 0, 0, 0};
+  else
+    maskReach_ = {std::max(0, mx0 - 4), std::max(0, my0 - 4), std::min(side_, mx1 + 5), std::min(side_, my1 + 5)};
+
+  const auto slackRound = [](int n) { return (n + simd::kPasteSlack - 1) / simd::kPasteSlack * simd::kPasteSlack; };
+  hstride_ = slackRound(side_);
+  hblur_.assign(static_cast<size_t>(3) * side_ * hstride_, 0.0f);
   const size_t plane = static_cast<size_t>(side_) * side_;
-  for (auto& p : planes_) p.assign(plane, 0.0f);
-  padded_.assign(static_cast<size_t>(padSide_) * padSide_, 0.0f);
-  hblur_.assign(padded_.size(), 0.0f);
-  rgbx_.assign(plane * 4, 0.0f);
+  if (fastMode_ == 0) {
+    const size_t bordered = static_cast<size_t>(side_ + 2 * kBorder);
+    rgbx_.assign(bordered * bordered * 8, 0.0f);
+  } else {
+    for (auto& p : planes_) p.assign(plane, 0.0f);
+  }
 }
 
 void Paste::composite(const float* crop, float scale, const float* M, uint8_t* frame, int W, int H) {
@@ -111,80 +147,116 @@ void Paste::composite(const float* crop, float scale, const float* M, uint8_t* f
   const double ia = inv * d, ib = inv * (-b), ic = inv * (-c), id = inv * a;
   const double itx = -(ia * tx + ib * ty), ity = -(ic * tx + id * ty);
 
+  // The row kernel reads whole vectors of the tables, up to kPasteSlack
+  // entries past the last column.
   const size_t cols = static_cast<size_t>(x1 - x0 + 1);
-  if (adelta_.size() < cols) {
-    adelta_.resize(cols);
-    bdelta_.resize(cols);
+  if (adelta_.size() < cols + simd::kPasteSlack) {
+    adelta_.resize(cols + simd::kPasteSlack);
+    bdelta_.resize(cols + simd::kPasteSlack);
   }
   for (int x = x0; x <= x1; ++x) {
     adelta_[x - x0] = rintToInt(ia * x * 1024.0);
     bdelta_[x - x0] = rintToInt(ic * x * 1024.0);
   }
 
+  // This build has no GPU executor: the first frame's attempt to make one
+  // fails, and the CPU body below is the whole paste from then on. The
+  // attempt comes before the executor line so that the line names what runs.
+  if (metalMode_ != 0 && !metalTried_) {
+    metalTried_ = true;
+    std::fprintf(stderr, "[le-paste-metal] init failed — CPU paste fallback\n");
+    metalMode_ = 0;
+  }
+
   static std::once_flag logged;
   std::call_once(logged, [&] {
-    std::fprintf(stderr, "[le-paste] executor=%s (side=%d, ksize=%d, threads=%d) — %dx%d frame\n", "cpu", side_,
-                 ksize_, pool::threads(), W, H);
+    std::fprintf(stderr, "[le-paste] executor=%s (side=%d, ksize=%d, threads=%d) — %dx%d frame\n",
+                 metalMode_ != 0 ? "metal" : "cpu", side_, ksize_, pool::threads(), W, H);
   });
 
-  fillPlanes(crop, scale);
-  for (auto& p : planes_) unsharpPlane(p);
+  // The sharpening keeps rows on the stack.
+  if (side_ > kMaxSide) throw std::runtime_error("paste: side > 1024");
+  const Rect f = frameReach(x0, x1, y0, y1, ia, ib, ic, id, itx, ity);
+  const Rect r{std::max(f.x0, maskReach_.x0), std::max(f.y0, maskReach_.y0), std::min(f.x1, maskReach_.x1),
+               std::min(f.y1, maskReach_.y1)};
+  // No pixel of the box has both a nonzero mask weight and its taps in the
+  // frame's reach: nothing would change.
+  if (r.empty()) return;
+  sharpen(crop, scale, r);
   compositeTail(frame, W, x0, x1, y0, y1, ib, id, itx, ity);
 }
 
-void Paste::fillPlanes(const float* crop, float scale) {
-  const size_t plane = static_cast<size_t>(side_) * side_;
-  for (int c = 0; c < 3; ++c) {
-    const float* src = crop + c * plane;
-    float* dst = planes_[c].data();
-    for (size_t i = 0; i < plane; ++i) dst[i] = src[i] * scale;
-  }
+Paste::Rect Paste::frameReach(int x0, int x1, int y0, int y1, double ia, double ib, double ic, double id,
+                              double itx, double ity) const {
+  const Rect whole{0, 0, side_, side_};
+  // The source position of a pixel is affine in (x, y), so over the box it
+  // is extreme at the corners. The fixed-point mapping lands within 1/1024
+  // pixel plus half a phase step of the exact one, so sxi lies within one
+  // pixel of the floor of the exact position, and the taps 3 before and 4
+  // after that; one more pixel each side is spare.
+  double sx[2] = {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
+  double sy[2] = {sx[0], sx[1]};
+  // Where a term of the fixed-point mapping reaches about a million pixels,
+  // its 32-bit sums may saturate or wrap and land anywhere: only the whole
+  // square is a safe answer. Each term, like the sum, is extreme at a corner.
+  constexpr double kSafe = 1 << 20;
+  const auto safe = [&](double v) { return std::fabs(v) < kSafe; };
+  for (const int y : {y0, y1})
+    for (const int x : {x0, x1}) {
+      const double u = ia * x + ib * y + itx, v = ic * x + id * y + ity;
+      if (!safe(ia * x) || !safe(ic * x) || !safe(ib * y + itx) || !safe(id * y + ity) || !safe(u) || !safe(v))
+        return whole;
+      sx[0] = std::min(sx[0], u);
+      sx[1] = std::max(sx[1], u);
+      sy[0] = std::min(sy[0], v);
+      sy[1] = std::max(sy[1], v);
+    }
+  const auto lo = [&](double v) { return std::clamp(static_cast<int>(std::floor(v)) - 5, 0, side_); };
+  const auto hi = [&](double v) { return std::clamp(static_cast<int>(std::floor(v)) + 7, 0, side_); };
+  return {lo(sx[0]), lo(sy[0]), hi(sx[1]), hi(sy[1])};
 }
 
-void Paste::unsharpPlane(std::vector<float>& plane) {
-  const int S = side_, P = padSide_, K = ksize_, pad = ksize_ / 2;
-  const float* src = plane.data();
-  float* padded = padded_.data();
-  pool::parallelRange(static_cast<size_t>(P), kGrain, [&](size_t lo, size_t hi) {
-    for (size_t r = lo; r < hi; ++r) {
-      const float* row = src + static_cast<size_t>(reflect101(static_cast<int>(r) - pad, S)) * S;
-      float* out = padded + r * P;
-      for (int x = 0; x < pad; ++x) out[x] = row[reflect101(x - pad, S)];
-      std::memcpy(out + pad, row, sizeof(float) * S);
-      for (int x = pad + S; x < P; ++x) out[x] = row[reflect101(x - pad, S)];
-    }
-  });
-
-  // Flat over the whole padded buffer: the sums that run over a row's end
-  // land in columns that are never read.
-  std::fill(hblur_.begin(), hblur_.end(), 0.0f);
-  float* hblur = hblur_.data();
+void Paste::sharpen(const float* crop, float scale, const Rect& r) {
+  const int S = side_, K = ksize_, pad = ksize_ / 2, n = r.x1 - r.x0;
+  const size_t plane = static_cast<size_t>(S) * S;
+  // The vertical taps of rows r.y0 .. r.y1 - 1 read the horizontal sums of
+  // the plane rows that those rows' reflected neighbourhoods cover: one
+  // unbroken run of rows.
+  int hy0 = S, hy1 = -1;
+  for (int y = r.y0 - pad; y < r.y1 + pad; ++y) {
+    const int yy = reflect101(y, S);
+    hy0 = std::min(hy0, yy);
+    hy1 = std::max(hy1, yy);
+  }
+  const int hrows = hy1 - hy0 + 1;
   const float* g = gauss_.data();
-  pool::parallelRange(static_cast<size_t>(P) * P - K + 1, kGrain, [&](size_t lo, size_t hi) {
-    for (int i = 0; i < K; ++i) {
-      const float gi = g[i];
-      const float* in = padded + i;
-      for (size_t j = lo; j < hi; ++j) hblur[j] += gi * in[j];
+  pool::parallelRange(static_cast<size_t>(3) * hrows, kGrain, [&](size_t lo, size_t hi) {
+    float scratch[3 * kMaxSide + simd::kPasteSlack];
+    for (size_t item = lo; item < hi; ++item) {
+      const int c = static_cast<int>(item / hrows), y = hy0 + static_cast<int>(item % hrows);
+      simd::unsharpRowH(crop + c * plane + static_cast<size_t>(y) * S, S, scale, g, K, r.x0, n, scratch,
+                        hblurRow(c, y));
     }
   });
 
-  if (S > kMaxSide) throw std::runtime_error("paste: side > 1024");
   const float keep = amount_ + 1.0f;
-  const float amount = amount_;
-  float* dst = plane.data();
-  pool::parallelRange(static_cast<size_t>(S), kGrain, [&](size_t lo, size_t hi) {
-    float acc[kMaxSide];
-    for (size_t r = lo; r < hi; ++r) {
-      std::fill(acc, acc + S, 0.0f);
-      for (int i = 0; i < K; ++i) {
-        const float gi = g[i];
-        const float* in = hblur + (r + i) * P;
-        for (int x = 0; x < S; ++x) acc[x] += gi * in[x];
+  const size_t stride = static_cast<size_t>(S + 2 * kBorder);
+  float* origin = fastMode_ == 0 ? rgbx_.data() + (kBorder * stride + kBorder) * 8 : nullptr;
+  pool::parallelRange(static_cast<size_t>(r.y1 - r.y0), kGrain, [&](size_t lo, size_t hi) {
+    const float* rows[2 * kMaxSide];
+    float sharp[3][kMaxSide];
+    for (size_t i = lo; i < hi; ++i) {
+      const int y = r.y0 + static_cast<int>(i);
+      for (int c = 0; c < 3; ++c) {
+        for (int t = 0; t < K; ++t) rows[t] = hblurRow(c, reflect101(y - pad + t, S));
+        float* out = origin ? sharp[c] : planes_[c].data() + static_cast<size_t>(y) * S + r.x0;
+        simd::unsharpRowV(rows, g, K, crop + c * plane + static_cast<size_t>(y) * S + r.x0, scale, keep, amount_, n,
+                          out);
       }
-      float* row = dst + r * S;
-      for (int x = 0; x < S; ++x) {
-        const float v = row[x] * keep - acc[x] * amount;
-        row[x] = v > 0.0f ? (v < 255.0f ? v : 255.0f) : 0.0f;  // NaN as 0
+      // Row y is the first half of pair-row y and the second of pair-row y - 1.
+      if (origin) {
+        float* first = origin + (static_cast<ptrdiff_t>(y) * stride + r.x0) * 8;
+        simd::interleaveRgbx(sharp[0], sharp[1], sharp[2], n, first, first - stride * 8 + 4);
       }
     }
   });
@@ -196,23 +268,19 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
     compositeTailInterp(frame, W, x0, x1, y0, y1, ib, id, itx, ity);
     return;
   }
-  const size_t S = static_cast<size_t>(side_);
-  float* rgbx = rgbx_.data();
-  pool::parallelRange(S, kGrain, [&](size_t lo, size_t hi) {
-    for (size_t i = lo * S; i < hi * S; ++i) {
-      rgbx[4 * i] = planes_[0][i];
-      rgbx[4 * i + 1] = planes_[1][i];
-      rgbx[4 * i + 2] = planes_[2][i];
-      rgbx[4 * i + 3] = 0.0f;
-    }
-  });
+  const int stride = side_ + 2 * kBorder;
+  const simd::WarpSource src{rgbx_.data() + (static_cast<size_t>(kBorder) * stride + kBorder) * 8,
+                             stride,
+                             side_,
+                             maskBorder_.data(),
+                             lanc_.data()};
   pool::parallelRange(static_cast<size_t>(y1 - y0 + 1), kGrain, [&](size_t lo, size_t hi) {
     for (size_t r = lo; r < hi; ++r) {
       const int y = y0 + static_cast<int>(r);
       const int X0 = paste::add32(rintToInt((ib * y + itx) * 1024.0), 16);
       const int Y0 = paste::add32(rintToInt((id * y + ity) * 1024.0), 16);
-      simd::pasteLanczos8Row(rgbx, side_, mask_.data(), lanc_.data(), bil_.data(), adelta_.data(), bdelta_.data(),
-                             X0, Y0, x0, x1, frame + static_cast<size_t>(y) * 3 * W);
+      simd::pasteLanczos8Row(src, adelta_.data(), bdelta_.data(), X0, Y0, x0, x1,
+                             frame + static_cast<size_t>(y) * 3 * W);
     }
   });
 }

@@ -40,6 +40,10 @@ done
 for p in libavformat-dev libavcodec-dev libavutil-dev; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
 done
+# OpenCV's image processing, for the paste benchmark's comparison only: never
+# linked into the library.
+dpkg-query -W -f='${Status}' libopencv-imgproc-dev 2>/dev/null | grep -q 'install ok installed' ||
+  need+=(libopencv-imgproc-dev)
 if [ ${#need[@]} -gt 0 ]; then
   echo "setup: installing ${need[*]}"
   sudo=""

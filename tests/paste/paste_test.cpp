@@ -128,6 +128,154 @@ TEST(PasteBytes, LargerCropAcrossRowSlices) {
   le::test::forEachTarget([&] { expectSameAsReference(160, 9, 2.0f, 0.7f, mask, 40); });
 }
 
+// The paste into a W x H frame against the reference, with a check that it
+// pasted something, so that the comparison is not vacuous.
+void expectSameOn(const std::vector<uint8_t>& mask, int side, int ksize, float amount, const float* M, int W, int H,
+                  unsigned seed) {
+  le::Paste paste(mask, side, le::Unsharp{amount, 0.4f * ksize, ksize});
+  const auto tables = tablesOf(paste);
+  const auto crop = randomCrop(side, seed);
+  std::mt19937 rng(seed + 1);
+  std::vector<uint8_t> mine(static_cast<size_t>(W) * H * 3);
+  for (auto& v : mine) v = static_cast<uint8_t>(rng() & 0xff);
+  auto ref = mine;
+  const auto before = mine;
+  paste.composite(crop.data(), 255.0f, M, mine.data(), W, H);
+  le::test::referencePaste(mask, side, amount, tables, paste.fastMode(), crop.data(), 255.0f, M, ref.data(), W, H);
+  ASSERT_EQ(mine, ref);
+  EXPECT_NE(mine, before) << "the geometry pasted nothing, so it checks nothing";
+}
+
+// crop -> frame: scale s turned by t radians about the crop's centre, which
+// lands at (cx, cy).
+std::vector<float> placed(int side, float s, float t, float cx, float cy) {
+  const float a = s * std::cos(t), b = -s * std::sin(t), c = -b, d = a, h = side * 0.5f;
+  return {a, b, cx - (a * h + b * h), c, d, cy - (c * h + d * h)};
+}
+
+TEST(PasteBytes, OddSidesAndKernelsUpToTheReflectionLimit) {
+  // Crops and rows whose widths are no multiple of a vector, and a reflected
+  // border as wide as the crop allows (ksize / 2 = side - 1).
+  le::test::forEachTarget([] {
+    for (const int side : {5, 9, 37, 50}) {
+      const int kmax = std::min(15, 2 * side - 1);
+      for (const int ksize : {3, kmax}) {
+        SCOPED_TRACE("side " + std::to_string(side) + " ksize " + std::to_string(ksize));
+        const std::vector<uint8_t> full(side * side, 255);
+        const float w = kW, h = kH;
+        const std::vector<std::vector<float>> geometries = {
+            placed(side, 1.0f, 0.0f, w * 0.5f + 0.37f, h * 0.5f + 0.61f),
+            placed(side, 2.1f, 0.4f, w * 0.5f, h * 0.5f),
+            placed(side, 0.8f, -0.2f, 0.1f * side, h * 0.5f),
+            placed(side, 1.3f, 0.0f, w - 0.2f * side, h - 0.3f * side),
+        };
+        for (const auto& M : geometries) {
+          expectSameOn(full, side, ksize, 0.7f, M.data(), kW, kH, 60 + side);
+          expectSameOn(softMask(side), side, ksize, 0.7f, M.data(), kW, kH, 70 + side);
+        }
+      }
+    }
+  });
+}
+
+TEST(PasteBytes, MasksThatReachOnlyPartOfTheCrop) {
+  // Only the crop pixels within the taps of a nonzero mask byte are
+  // sharpened; these masks put that region at a corner, along an edge, off
+  // centre and at a single pixel.
+  const int side = 48;
+  const auto maskOf = [&](int x0, int y0, int x1, int y1) {
+    std::vector<uint8_t> m(side * side, 0);
+    for (int y = y0; y < y1; ++y)
+      for (int x = x0; x < x1; ++x) m[y * side + x] = static_cast<uint8_t>(90 + 3 * ((x + y) % 50));
+    return m;
+  };
+  const std::vector<std::vector<uint8_t>> masks = {
+      maskOf(0, 0, 1, 1), maskOf(side - 1, side / 2, side, side / 2 + 1), maskOf(side - 3, 0, side, side),
+      maskOf(9, 30, 20, 41), maskOf(0, side - 6, side, side),
+  };
+  const std::vector<std::vector<float>> geometries = {
+      placed(side, 1.0f, 0.0f, 48.3f, 36.2f),
+      placed(side, 1.2f, 0.3f, 50.0f, 35.0f),
+      placed(side, 0.7f, -0.9f, 47.0f, 37.0f),
+  };
+  le::test::forEachTarget([&] {
+    for (size_t i = 0; i < masks.size(); ++i)
+      for (size_t g = 0; g < geometries.size(); ++g) {
+        SCOPED_TRACE("mask " + std::to_string(i) + " geometry " + std::to_string(g));
+        expectSameOn(masks[i], side, 9, 0.9f, geometries[g].data(), kW, kH, 80 + static_cast<unsigned>(i));
+      }
+  });
+}
+
+TEST(PasteBytes, CropsHangingOffTheFrame) {
+  // Only the crop pixels that frame pixels can reach are sharpened: crops
+  // much larger than the frame, or showing only one corner, rotated or not.
+  const int side = 64;
+  const std::vector<uint8_t> full(side * side, 255);
+  std::vector<uint8_t> edgeRamp(side * side);  // 0 on the outermost ring, rising to 255
+  for (int y = 0; y < side; ++y)
+    for (int x = 0; x < side; ++x)
+      edgeRamp[y * side + x] = static_cast<uint8_t>(std::min({x, y, side - 1 - x, side - 1 - y, 15}) * 17);
+  const float w = kW, h = kH;
+  const std::vector<std::vector<float>> geometries = {
+      placed(side, 3.0f, 0.0f, w * 0.5f, h * 0.5f),        placed(side, 4.0f, 0.7f, w * 0.3f, h * 0.8f),
+      placed(side, 1.0f, 0.0f, -26.5f, -27.25f),           placed(side, 1.0f, 0.0f, w + 27.1f, -25.9f),
+      placed(side, 1.1f, 0.785f, -22.0f, h + 22.0f),       placed(side, 0.9f, -0.3f, w + 12.0f, h + 14.0f),
+      placed(side, 2.5f, 0.2f, w * 0.5f, -side * 1.1f),
+  };
+  le::test::forEachTarget([&] {
+    for (size_t g = 0; g < geometries.size(); ++g) {
+      SCOPED_TRACE("geometry " + std::to_string(g));
+      expectSameOn(full, side, 11, 0.6f, geometries[g].data(), kW, kH, 90);
+      expectSameOn(edgeRamp, side, 5, 0.6f, geometries[g].data(), kW, kH, 91);
+    }
+  });
+}
+
+TEST(PasteBytes, BicubicAndBilinearOverPartOfTheCrop) {
+  // The interpolating modes sample the sharpened planes, which are likewise
+  // sharpened only where the mask and the frame reach.
+  const int side = 40;
+  std::vector<uint8_t> corner(side * side, 0);
+  for (int y = side - 9; y < side; ++y)
+    for (int x = 0; x < 12; ++x) corner[y * side + x] = 200;
+  const std::vector<std::vector<float>> geometries = {
+      placed(side, 1.6f, 0.3f, 48.0f, 30.0f),
+      placed(side, 3.0f, -0.2f, 70.0f, 10.0f),
+      placed(side, 1.0f, 0.0f, 15.5f, 50.25f),
+  };
+  for (const char* mode : {"1", "2"}) {
+    ScopedEnv fast("LE_PASTE_FAST", mode);
+    for (size_t g = 0; g < geometries.size(); ++g) {
+      SCOPED_TRACE(std::string("LE_PASTE_FAST=") + mode + " geometry " + std::to_string(g));
+      expectSameOn(corner, side, 7, 0.8f, geometries[g].data(), kW, kH, 120);
+    }
+  }
+}
+
+TEST(PasteBytes, NarrowFramesAndShortRows) {
+  // Frame rows shorter than a vector and of every remainder: the mask
+  // weights are found a whole vector of pixels at a time.
+  const int side = 24;
+  const std::vector<uint8_t> full(side * side, 255);
+  le::test::forEachTarget([&] {
+    for (const int W : {1, 3, 7, 8, 9, 17})
+      for (const int H : {1, 5}) {
+        SCOPED_TRACE(std::to_string(W) + "x" + std::to_string(H));
+        const auto M = placed(side, 1.3f, 0.2f, W * 0.5f, H * 0.5f);
+        expectSameOn(full, side, 5, 0.5f, M.data(), W, H, 100);
+      }
+  });
+}
+
+TEST(PasteBytes, SliverTransformSharpensTheWholeCrop) {
+  // The crop squashed to a sliver: the inverse mapping is so steep that the
+  // reach of the frame's box is not worked out; the whole crop is sharpened.
+  const int side = 20;
+  const float M[6] = {1.0f, 0.0f, 10.0f, 0.0f, 9e-7f, 0.0f};
+  le::test::forEachTarget([&] { expectSameOn(std::vector<uint8_t>(side * side, 255), side, 5, 0.5f, M, kW, kH, 110); });
+}
+
 TEST(PasteCases, IdentityWithFullMaskAndNoSharpeningCopiesTheCrop) {
   const int side = 24;
   le::Paste paste(std::vector<uint8_t>(side * side, 255), side, le::Unsharp{0.0f, 1.0f, 5});
@@ -207,6 +355,16 @@ TEST(PasteTables, GaussBilinearCubic) {
     };
     const double want[4] = {keys(1 + f), keys(f), keys(1 - f), keys(2 - f)};
     for (int t = 0; t < 4; ++t) EXPECT_NEAR(cub[4 * i + t], want[t], 1e-6) << i << "," << t;
+  }
+}
+
+TEST(PasteTables, BilinearWeightsAreExactSteps) {
+  // The warp's row kernel works the mask weights out as f/32 and 1 - f/32
+  // rather than reading them: the table must hold exactly those.
+  const auto bil = le::paste::bilinearTable();
+  for (int i = 0; i < 32; ++i) {
+    EXPECT_EQ(bil[2 * i + 1], static_cast<float>(i) * (1.0f / 32.0f)) << i;
+    EXPECT_EQ(bil[2 * i], 1.0f - static_cast<float>(i) * (1.0f / 32.0f)) << i;
   }
 }
 
