@@ -30,7 +30,7 @@ std::vector<uint8_t> readFile(const std::string& path) {
   return bytes;
 }
 
-struct LayerSpec {
+struct LayerShape {
   const char* name;
   int H, W, Cin, CinP, Cout, k;
   bool relu;
@@ -38,7 +38,7 @@ struct LayerSpec {
 
 // The network's convolutions in order: output size, input channels (and as
 // stored), output channels, kernel, activation.
-constexpr LayerSpec kLayers[kLayerCount] = {
+constexpr LayerShape kLayers[kLayerCount] = {
     {"pre", 32, 32, 85, 88, 96, 1, true},        {"e0", 32, 32, 96, 96, 96, 3, true},
     {"e1", 16, 16, 96, 96, 144, 3, true},        {"e2", 8, 8, 144, 144, 192, 3, true},
     {"d1", 16, 16, 336, 336, 144, 3, true},      {"d0", 32, 32, 240, 240, 96, 3, true},
@@ -118,16 +118,16 @@ Engine::Engine(const std::string& path, int threads) {
                              ") — use ORT for it");
 
   for (int i = 0; i < kLayerCount; ++i) {
-    const LayerSpec& spec = kLayers[i];
+    const LayerShape& shape = kLayers[i];
     ConvLayer& L = layers_[static_cast<size_t>(i)];
-    L.name = spec.name;
-    L.H = spec.H;
-    L.W = spec.W;
-    L.Cin = spec.Cin;
-    L.CinP = spec.CinP;
-    L.Cout = spec.Cout;
-    L.kH = L.kW = spec.k;
-    L.relu = spec.relu;
+    L.name = shape.name;
+    L.H = shape.H;
+    L.W = shape.W;
+    L.Cin = shape.Cin;
+    L.CinP = shape.CinP;
+    L.Cout = shape.Cout;
+    L.kH = L.kW = shape.k;
+    L.relu = shape.relu;
     std::vector<float> w, b;
     if (i == kPre) {
       w = model.get(names.preWeight).data;

@@ -47,7 +47,7 @@ class Engine final : public ConvBackend {
 
  private:
   void phaseA(int item, Scratch& s, const uint16_t* pooled, const float* ks, const float* kd);
-  void phaseB(size_t task, int n);
+  void phaseB(size_t task);
   void phaseC(int item, Scratch& s, const uint16_t* prior, float* out);
   void dumpA(const Scratch& s) const;
   void dumpC(const Scratch& s, const float* out) const;

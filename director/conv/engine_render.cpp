@@ -97,23 +97,21 @@ inline void warpCoordinate(float g, int& i0, float& f) {
 void Engine::render(const uint16_t* const* pooled, const uint16_t* const* prior, const float* kpSource,
                     const float* kpDriving, int n, float* out) {
   if (n < 1 || n > batch_) throw std::runtime_error("le_conv: bad n");
-  const auto forItems = [&](auto&& body) {
-    pool_->run(static_cast<size_t>(n), std::ref(body));
-  };
+  const auto items = static_cast<size_t>(n);
+  // The lambdas go to the pool by reference: no allocation per render.
   auto phaseAItem = [&](size_t item, size_t worker) {
     Scratch& s = scratch_[worker];
     if (!s.ready) s.alloc();
-    const int i = static_cast<int>(item);
-    phaseA(i, s, pooled[item], kpSource + item * 63, kpDriving + item * 63);
+    phaseA(static_cast<int>(item), s, pooled[item], kpSource + item * 63, kpDriving + item * 63);
     if (item == 0 && !dumpDir_.empty()) dumpA(s);
   };
-  forItems(phaseAItem);
+  pool_->run(items, std::ref(phaseAItem));
 
   const size_t rows = w64h_.size() / 64;
   for (size_t r = 0; r < rows; ++r)
     for (size_t k = 0; k < 64; ++k)
-      w64h_[r * 64 + k] = r < static_cast<size_t>(n) ? f16Canonical(w64_[r * 64 + k]) : uint16_t{0};
-  auto phaseBTask = [&](size_t task, size_t) { phaseB(task, n); };
+      w64h_[r * 64 + k] = r < items ? f16Canonical(w64_[r * 64 + k]) : uint16_t{0};
+  auto phaseBTask = [&](size_t task, size_t) { phaseB(task); };
   pool_->run(48, std::ref(phaseBTask));
 
   auto phaseCItem = [&](size_t item, size_t worker) {
@@ -123,7 +121,7 @@ void Engine::render(const uint16_t* const* pooled, const uint16_t* const* prior,
     phaseC(static_cast<int>(item), s, prior[item], dst);
     if (item == 0 && !dumpDir_.empty()) dumpC(s, dst);
   };
-  forItems(phaseCItem);
+  pool_->run(items, std::ref(phaseCItem));
 }
 
 void Engine::phaseA(int item, Scratch& s, const uint16_t* pooled, const float* ks, const float* kd) {
@@ -231,8 +229,7 @@ void Engine::phaseA(int item, Scratch& s, const uint16_t* pooled, const float* k
   }
 }
 
-void Engine::phaseB(size_t task, int n) {
-  (void)n;
+void Engine::phaseB(size_t task) {
   // Blocks of 16 columns, 4 rows of w64h at a time: the product of two
   // halves is exact in float, so each step rounds only in the add.
   const size_t groups = w64h_.size() / 256;
