@@ -16,10 +16,12 @@
 // them with the add rounds exactly as a separate multiply and add would.
 //
 // What the magic constant can't do is overflow (a value at or above 65520
-// becomes infinity) and non-finite values. The fast step leaves them out and
-// records the largest binade it met; any chain that reached 2^15 or met an
-// infinity or NaN is run again with the guarded step, which handles all of
-// them. The two give the same bits wherever the fast one is allowed.
+// becomes infinity) and non-finite values. The fast step leaves them out;
+// either the caller has proved that no value of the chain can reach 2^15
+// (from bounds on its inputs), or the step records the largest binade it met
+// (kTrack) and any chain that reached 2^15 or met an infinity or NaN is run
+// again with the guarded step, which handles all of them. They give the same
+// bits wherever the fast one is allowed.
 #if defined(LE_COMPUTE_F16_FMA_INL_H_) == defined(HWY_TARGET_TOGGLE)
 #ifdef LE_COMPUTE_F16_FMA_INL_H_
 #undef LE_COMPUTE_F16_FMA_INL_H_
@@ -54,15 +56,16 @@ struct HalfFmaConsts {
 };
 
 // acc = half(w * x + acc). kGuard: every value, overflow and NaN included.
-// Otherwise binades (powers of two, +inf for non-finite s) are folded into
-// seen with Max; the result is only good while seen stays below limit.
-template <bool kGuard, class DD>
+// Otherwise the result is only good while every s stays below 2^15 in
+// magnitude; kTrack folds the binades (powers of two, +inf for non-finite s)
+// into seen with Max, to be checked by HalfFmaNeedsGuard.
+template <bool kGuard, bool kTrack, class DD>
 HWY_INLINE hn::Vec<DD> HalfFmaStep(DD dd, const HalfFmaConsts<DD>& k, hn::Vec<DD> w, hn::Vec<DD> x,
                                    hn::Vec<DD> acc, hn::Vec<DD>& seen) {
   (void)dd;
   const auto s = hn::MulAdd(w, x, acc);
   const auto binade = hn::And(s, k.expMask);
-  if (!kGuard) seen = hn::Max(seen, binade);
+  if (kTrack) seen = hn::Max(seen, binade);
   const auto scale = hn::Max(binade, k.minBinade);
   const auto t = hn::MulAdd(scale, k.magic, s);
   auto r = hn::Or(hn::NegMulAdd(scale, k.magic, t), hn::And(s, k.signMask));

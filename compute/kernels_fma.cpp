@@ -29,8 +29,8 @@ HWY_INLINE void FmaBlock(DD dd, const HalfFmaConsts<DD>& k, const uint16_t* HWY_
   const auto vb = HalfToDouble(dd, hn::LoadU(du16, b));
   const auto vc = HalfToDouble(dd, hn::LoadU(du16, c));
   auto seen = hn::Zero(dd);
-  auto r = HalfFmaStep<false>(dd, k, va, vb, vc, seen);
-  if (HalfFmaNeedsGuard(dd, k, seen)) r = HalfFmaStep<true>(dd, k, va, vb, vc, seen);
+  auto r = HalfFmaStep<false, true>(dd, k, va, vb, vc, seen);
+  if (HalfFmaNeedsGuard(dd, k, seen)) r = HalfFmaStep<true, false>(dd, k, va, vb, vc, seen);
   hn::StoreU(DoubleToHalf(dd, r), du16, out);
 }
 

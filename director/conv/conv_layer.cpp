@@ -1,5 +1,7 @@
 #include "director/conv/conv_layer.h"
 
+#include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 #include "compute/half.h"
@@ -45,6 +47,21 @@ void packConv(ConvLayer& layer, const float* weights, size_t weightCount, const 
   for (int o = 0; o < layer.Cout; ++o) layer.bias[static_cast<size_t>(o)] = bias[o];
   layer.wide.resize(layer.weights.size());
   for (size_t i = 0; i < layer.weights.size(); ++i) layer.wide[i] = simd::soft::wideD(layer.weights[i]);
+
+  // Sums of |w| per output channel and run, over the packed halves (an
+  // infinite weight makes the bound infinite, and no run is bounded).
+  const size_t perRun = layer.drainPerTap ? 1 : static_cast<size_t>(layer.kW);
+  const size_t runs = taps / perRun;
+  layer.runWeightSum = 0.0;
+  at = 0;
+  for (const int t : layer.tiles) {
+    const auto width = static_cast<size_t>(t);
+    std::vector<double> sums(runs * width, 0.0);
+    for (size_t tap = 0; tap < taps; ++tap)
+      for (size_t c = 0; c < cinP; ++c)
+        for (size_t o = 0; o < width; ++o, ++at) sums[(tap / perRun) * width + o] += std::fabs(layer.wide[at]);
+    for (const double sum : sums) layer.runWeightSum = std::max(layer.runWeightSum, sum);
+  }
 }
 
 }  // namespace le::conv

@@ -30,6 +30,10 @@ struct ConvLayer {
   // The weights again, widened to double in the same order: the processor
   // runs the half arithmetic in double lanes (compute/half_arith.h).
   std::vector<double> wide;
+  // The largest sum of |weight| that one run of half accumulation takes (one
+  // tap, or one kernel row, of one output channel): with the inputs' largest
+  // magnitude it bounds every partial sum of the run.
+  double runWeightSum = 0.0;
 };
 
 // Fills the layer's tiles, CoutP, drainPerTap and packed weights from an

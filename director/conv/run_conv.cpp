@@ -7,6 +7,7 @@
 #define HWY_TARGET_INCLUDE "director/conv/run_conv.cpp"
 #include "hwy/foreach_target.h"  // IWYU pragma: keep
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -28,9 +29,11 @@ struct ConvArgs {
   size_t outStride;
 };
 
-// This thread's input rows of the current output row, widened to double.
-// It grows to the widest layer and stays.
+// This thread's input rows of the current output row, widened to double,
+// and the largest magnitude of each input row. They grow to the largest
+// layer and stay.
 std::vector<double>& convRows();
+std::vector<uint16_t>& convRowMax();
 
 }  // namespace le::conv::detail
 #endif
@@ -61,8 +64,10 @@ struct Geometry {
 // acc[j][o] for pixel j and channel o starts at +0 and takes every stored
 // channel of every tap in order. w points to the tile's weights of (ky, 0),
 // 8 channels in from the tile's start; x to the widened input row ky at the
-// block's first pixel. The result lands in out[j * 8 + o].
-template <bool kGuard>
+// block's first pixel. The result lands in out[j * 8 + o]. The unguarded
+// forms are for runs proved to stay in range (kTrack false) or that check
+// it (kTrack true, false when a value left the range).
+template <bool kGuard, bool kTrack>
 HWY_INLINE bool HalfRun(const Geometry& g, size_t tileWidth, const double* HWY_RESTRICT w,
                         const double* HWY_RESTRICT x, size_t kx0, size_t kx1, double* HWY_RESTRICT out) {
   const DD dd;
@@ -84,11 +89,12 @@ HWY_INLINE bool HalfRun(const Geometry& g, size_t tileWidth, const double* HWY_R
       for (size_t j = 0; j < kPixels; ++j) {
         const VD xv = hn::Set(dd, xt[j * g.cinP]);
 #pragma GCC unroll 8
-        for (size_t v = 0; v < kV; ++v) acc[j][v] = HalfFmaStep<kGuard>(dd, k, wv[v], xv, acc[j][v], seen[v]);
+        for (size_t v = 0; v < kV; ++v)
+          acc[j][v] = HalfFmaStep<kGuard, kTrack>(dd, k, wv[v], xv, acc[j][v], seen[v]);
       }
     }
   }
-  if (!kGuard) {
+  if (kTrack) {
     for (size_t v = 0; v < kV; ++v)
       if (HalfFmaNeedsGuard(dd, k, seen[v])) return false;
   }
@@ -100,7 +106,7 @@ HWY_INLINE bool HalfRun(const Geometry& g, size_t tileWidth, const double* HWY_R
 // A block of 4 pixels by 8 channels: float accumulators from the bias, the
 // half runs drained into them, relu, and the store.
 void Block(const ConvLayer& L, const Geometry& g, const double* rows, size_t tileOffset, size_t tileWidth,
-           size_t sub, size_t x0, const detail::ConvArgs& a, size_t y) {
+           size_t sub, size_t x0, const detail::ConvArgs& a, size_t y, bool bounded) {
   float facc[kPixels * kChannels];
   for (size_t j = 0; j < kPixels; ++j)
     for (size_t o = 0; o < kChannels; ++o) facc[j * kChannels + o] = L.bias[tileOffset + sub * kChannels + o];
@@ -113,7 +119,10 @@ void Block(const ConvLayer& L, const Geometry& g, const double* rows, size_t til
     const double* x = rows + ky * g.rowElems + x0 * g.cinP;
     for (size_t r = 0; r < runs; ++r) {
       const size_t kx0 = L.drainPerTap ? r : 0, kx1 = L.drainPerTap ? r + 1 : g.kW;
-      if (!HalfRun<false>(g, tileWidth, w, x, kx0, kx1, halves)) HalfRun<true>(g, tileWidth, w, x, kx0, kx1, halves);
+      if (bounded)
+        HalfRun<false, false>(g, tileWidth, w, x, kx0, kx1, halves);
+      else if (!HalfRun<false, true>(g, tileWidth, w, x, kx0, kx1, halves))
+        HalfRun<true, false>(g, tileWidth, w, x, kx0, kx1, halves);
       for (size_t i = 0; i < kPixels * kChannels; ++i) facc[i] = facc[i] + static_cast<float>(halves[i]);
     }
   }
@@ -151,12 +160,35 @@ void RunConv(const detail::ConvArgs& a) {
   std::vector<double>& rows = detail::convRows();
   if (rows.size() < kH * g.rowElems) rows.resize(kH * g.rowElems);
 
+  // The largest magnitude in each input row, as half bits without the sign
+  // (which order like the magnitudes, infinities and NaNs above all finite).
+  const size_t inRows = static_cast<size_t>(L.H) + kH - 1;
+  std::vector<uint16_t>& rowMax = detail::convRowMax();
+  if (rowMax.size() < inRows) rowMax.resize(inRows);
+  const hn::ScalableTag<uint16_t> d16;
+  constexpr size_t k16 = hn::MaxLanes(d16);
+  for (size_t r = 0; r < inRows; ++r) {
+    const uint16_t* src = a.in + r * a.inStride;
+    auto m = hn::Zero(d16);
+    const auto magnitude = hn::Set(d16, uint16_t{0x7fff});
+    size_t i = 0;
+    for (; i + k16 <= g.rowElems; i += k16) m = hn::Max(m, hn::And(hn::LoadU(d16, src + i), magnitude));
+    uint16_t lanes[k16];
+    hn::StoreU(m, d16, lanes);
+    uint16_t best = 0;
+    for (size_t j = 0; j < k16; ++j) best = lanes[j] > best ? lanes[j] : best;
+    for (; i < g.rowElems; ++i) best = std::max<uint16_t>(best, src[i] & 0x7fff);
+    rowMax[r] = best;
+  }
+
   const DD dd;
   const hn::Rebind<uint16_t, DD> du16;
   constexpr size_t kWide = hn::MaxLanes(dd);
   for (size_t y = 0; y < static_cast<size_t>(L.H); ++y) {
     // The kernel rows this output row reads, widened once for every tile.
+    uint16_t largest = 0;
     for (size_t ky = 0; ky < kH; ++ky) {
+      largest = std::max(largest, rowMax[y + ky]);
       const uint16_t* src = a.in + (y + ky) * a.inStride;
       double* dst = rows.data() + ky * g.rowElems;
       size_t i = 0;
@@ -164,11 +196,18 @@ void RunConv(const detail::ConvArgs& a) {
         hn::StoreU(simd::HWY_NAMESPACE::HalfToDouble(dd, hn::LoadU(du16, src + i)), dd, dst + i);
       for (; i < g.rowElems; ++i) dst[i] = static_cast<double>(simd::soft::wide(src[i]));
     }
+    // Every partial sum of a run is at most the sum of |w x| over the run,
+    // grown by at most (1 + 2^-11) per rounding (1.2 times over the longest
+    // run) and 2^-25 per subnormal rounding: a bound below 2^14 keeps every
+    // value under 2^15, where the fast steps are exact without checking.
+    const bool bounded =
+        largest < 0x7c00 && static_cast<double>(simd::soft::wide(largest)) * L.runWeightSum < 16384.0;
     size_t tileOffset = 0;
     for (const int t : L.tiles) {
       const size_t width = static_cast<size_t>(t);
       for (size_t x0 = 0; x0 < static_cast<size_t>(L.W); x0 += kPixels)
-        for (size_t sub = 0; sub < width / kChannels; ++sub) Block(L, g, rows.data(), tileOffset, width, sub, x0, a, y);
+        for (size_t sub = 0; sub < width / kChannels; ++sub)
+          Block(L, g, rows.data(), tileOffset, width, sub, x0, a, y, bounded);
       tileOffset += width;
     }
   }
@@ -184,6 +223,10 @@ namespace detail {
 std::vector<double>& convRows() {
   thread_local std::vector<double> rows;
   return rows;
+}
+std::vector<uint16_t>& convRowMax() {
+  thread_local std::vector<uint16_t> rowMax;
+  return rowMax;
 }
 }  // namespace detail
 

@@ -31,8 +31,10 @@ struct Case {
   const char* what;
   int H, W, Cin, CinP, Cout, k;
   bool relu, floatOut;
-  // Input values: 0 normal, 1 large (overflow and the guarded road),
-  // 2 with infinities and NaNs, 3 zeros of both signs against zero weights.
+  // Input values: 0 normal (runs proved in range); 1 large (overflow, and
+  // the guarded road); 2 with infinities and NaNs; 3 zeros of both signs
+  // against zero weights; 4 medium (no proof of range, but no overflow:
+  // the checked road).
   int values;
 };
 
@@ -60,7 +62,7 @@ Data makeData(const Case& c, uint32_t seed) {
   std::normal_distribution<float> nd(0.0f, 1.0f);
   Data d;
   const int taps = c.k * c.k;
-  const float wScale = c.values == 1 ? 40.0f : 1.0f / std::sqrt(static_cast<float>(c.Cin * taps));
+  const float wScale = c.values == 1 ? 40.0f : c.values == 4 ? 3.0f : 1.0f / std::sqrt(static_cast<float>(c.Cin * taps));
   d.weights.resize(static_cast<size_t>(c.Cout * c.Cin * taps));
   for (float& w : d.weights) w = c.values == 3 ? (nd(rng) < 0 ? -0.0f : 0.0f) : nd(rng) * wScale;
   d.bias.resize(static_cast<size_t>(c.Cout));
@@ -72,6 +74,7 @@ Data makeData(const Case& c, uint32_t seed) {
       for (int ch = 0; ch < c.Cin; ++ch) {
         float v = nd(rng);
         if (c.values == 1) v *= 60.0f;
+        if (c.values == 4) v *= 30.0f;
         if (c.values == 2 && (rng() % 97) == 0) v = (rng() % 3) == 0 ? std::numeric_limits<float>::quiet_NaN()
                                                   : (rng() & 1) ? INFINITY : -INFINITY;
         if (c.values == 3) v = (rng() & 1) ? -v : v;
@@ -181,8 +184,10 @@ TEST(RunConv, EveryTileWidthDrainAndActivationOnEveryTarget) {
   for (const Case& c : cases) runCase(c, seed++);
 }
 
-TEST(RunConv, OverflowNonFiniteAndSignedZerosOnEveryTarget) {
+TEST(RunConv, UncheckedCheckedAndGuardedRoadsOnEveryTarget) {
   const Case cases[] = {
+      {"medium: checked, in range", 3, 8, 24, 24, 24, 3, false, false, 4},
+      {"medium, drain per tap", 2, 8, 96, 96, 16, 3, true, false, 4},
       {"large: overflow, and chains that pass 2^15 and come back", 3, 8, 24, 24, 24, 3, false, false, 1},
       {"large, relu, drain per tap", 2, 4, 96, 96, 32, 3, true, false, 1},
       {"infinities and NaNs in the input", 3, 8, 24, 24, 16, 3, false, false, 2},
