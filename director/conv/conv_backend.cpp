@@ -1,6 +1,5 @@
 #include "director/conv/conv_backend.h"
 
-#include <cstdio>
 #include <vector>
 
 #include "director/conv/engine.h"
@@ -15,18 +14,8 @@ bool ConvBackend::available() { return true; }
 
 bool ConvBackend::graphSupported(const std::string& path) {
   try {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return false;
-    long size = -1;
-    if (std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
     std::vector<uint8_t> bytes;
-    bool ok = size >= 1 && std::fseek(f, 0, SEEK_SET) == 0;
-    if (ok) {
-      bytes.resize(static_cast<size_t>(size));
-      ok = std::fread(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    }
-    std::fclose(f);
-    if (!ok) return false;
+    if (conv::readWholeFile(path, bytes) != conv::ReadResult::kOk || bytes.empty()) return false;
     conv::M4bNames names;
     return conv::m4bResolve(conv::readTensorShapes({bytes.data(), bytes.size()}), names, nullptr);
   } catch (const std::exception&) {

@@ -1,6 +1,6 @@
 // The engine's load: the file read whole, the initializers proved to be the
 // m4b topology, the layers packed, the fixed tensors kept, and the workers.
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -15,18 +15,10 @@ namespace le::conv {
 namespace {
 
 std::vector<uint8_t> readFile(const std::string& path) {
-  std::FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) throw std::runtime_error("le_conv: cannot open " + path);
   std::vector<uint8_t> bytes;
-  long size = -1;
-  if (std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
-  bool ok = size >= 0 && std::fseek(f, 0, SEEK_SET) == 0;
-  if (ok) {
-    bytes.resize(static_cast<size_t>(size));
-    ok = std::fread(bytes.data(), 1, bytes.size(), f) == bytes.size();
-  }
-  std::fclose(f);
-  if (!ok) throw std::runtime_error("le_conv: short read " + path);
+  const ReadResult r = readWholeFile(path, bytes);
+  if (r == ReadResult::kCannotOpen) throw std::runtime_error("le_conv: cannot open " + path);
+  if (r == ReadResult::kShortRead) throw std::runtime_error("le_conv: short read " + path);
   return bytes;
 }
 

@@ -1,5 +1,8 @@
 #include "director/conv/onnx_model.h"
 
+#include <sys/stat.h>
+
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
@@ -93,6 +96,23 @@ void forEachGraphField(GsSlice model, Visit&& visit) {
 }
 
 }  // namespace
+
+ReadResult readWholeFile(const std::string& path, std::vector<uint8_t>& bytes) {
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) return ReadResult::kCannotOpen;
+  // A directory opens too, and reports the largest offset as its size.
+  struct stat st;
+  bool ok = ::fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode);
+  long size = -1;
+  if (ok && std::fseek(f, 0, SEEK_END) == 0) size = std::ftell(f);
+  ok = ok && size >= 0 && std::fseek(f, 0, SEEK_SET) == 0;
+  if (ok) {
+    bytes.resize(static_cast<size_t>(size));
+    ok = std::fread(bytes.data(), 1, bytes.size(), f) == bytes.size();
+  }
+  std::fclose(f);
+  return ok ? ReadResult::kOk : ReadResult::kShortRead;
+}
 
 TensorShapes readTensorShapes(GsSlice model) {
   TensorShapes out;

@@ -12,6 +12,10 @@
 
 namespace le::conv {
 
+// A whole file into bytes. kShortRead also for what isn't a regular file.
+enum class ReadResult { kOk, kCannotOpen, kShortRead };
+ReadResult readWholeFile(const std::string& path, std::vector<uint8_t>& bytes);
+
 // The names and dimensions of all initializers, in file order.
 struct TensorShapes {
   std::vector<std::string> names;

@@ -30,6 +30,16 @@ namespace {
 
 constexpr size_t kItem = 3 * 512 * 512;
 
+// Under the sanitizers every load of the convolution loops is checked and a
+// frame takes minutes: those builds render one item, once, for what they
+// look for (memory and undefined behaviour), and leave the bit-for-bit
+// comparisons to the release build.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 std::string convData(const std::string& rel) { return std::string(LE_CONV_DATA) + "/" + rel; }
 
 template <class T>
@@ -70,8 +80,9 @@ bool sameBits(const float* a, const float* b, size_t n) { return std::memcmp(a, 
 // its own magnitude.
 void expectNearReference(const std::vector<float>& out) {
   const std::vector<float> want = readAs<float>(convData("reference.f32"));
-  ASSERT_EQ(want.size(), out.size());
-  for (size_t item = 0; item < 2; ++item) {
+  const size_t items = out.size() / kItem;
+  ASSERT_LE(out.size(), want.size());
+  for (size_t item = 0; item < items; ++item) {
     double worst = 0.0, squares = 0.0;
     for (size_t i = item * kItem; i < (item + 1) * kItem; ++i) {
       const double d = static_cast<double>(out[i]) - want[i];
@@ -82,6 +93,7 @@ void expectNearReference(const std::vector<float>& out) {
     EXPECT_LE(worst, 0.004) << "item " << item;
     EXPECT_GE(psnr, 66.0) << "item " << item;
   }
+  if (items < 2) return;
   // The items differ: each reads its own frame and keypoints.
   double apart = 0.0;
   for (size_t i = 0; i < kItem; ++i) apart = std::max(apart, std::fabs(double(out[i]) - out[kItem + i]));
@@ -124,10 +136,11 @@ TEST(ConvEngine, MatchesTheReferenceStageByStageWithTheSameBitsEverywhere) {
     ScopedEnv dump("LE_CONV_DUMP", dumps.path().c_str());
     std::unique_ptr<ConvBackend> two = ConvBackend::create(graphPath(), 2);
     EXPECT_EQ(static_cast<conv::Engine&>(*two).threads(), 2);
-    out = in.render(*two, 0, 2);
+    out = in.render(*two, 0, kSanitized ? 1 : 2);
   }
   expectNearReference(out);
   expectStagesNearReference(dumps, out);
+  if (kSanitized) return;
 
   std::unique_ptr<ConvBackend> one = ConvBackend::create(graphPath(), 1);
   EXPECT_EQ(static_cast<conv::Engine&>(*one).threads(), 1);
@@ -176,7 +189,9 @@ TEST(ConvBackend, LoadRefusalsWordForWord) {
   TempDir t;
   writeFile(t / "empty.onnx", "");
   EXPECT_FALSE(ConvBackend::graphSupported(t / "empty.onnx"));
-  EXPECT_FALSE(ConvBackend::graphSupported(t.path()));  // a directory reads as nothing
+  // A directory opens, and reports a size that can't be read.
+  EXPECT_FALSE(ConvBackend::graphSupported(t.path()));
+  EXPECT_EQ(errorOf([&] { ConvBackend::create(t.path(), 1); }), "le_conv: short read " + t.path());
 }
 
 // The shapes of the m4b graph, by name, for the topology proof.
@@ -342,7 +357,7 @@ TEST(RendererConv, NeonRunsTheBackendAndOtherGraphsFallBack) {
     EXPECT_EQ(r->ep(), "neon");
     EXPECT_EQ(r->batch(), 2);
     EXPECT_EQ(r->crop(), 512);
-    if (byEnv) continue;
+    if (byEnv || kSanitized) continue;
     // The rows in the other order: each takes its own frame and keypoints.
     const int si[] = {1, 0};
     std::vector<float> ks(in.ks.begin() + 63, in.ks.end()), kd(in.kd.begin() + 63, in.kd.end());

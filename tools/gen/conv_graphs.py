@@ -5,7 +5,7 @@ that run the same network in ONNX Runtime), inputs for it, a plain float64
 reference of the network written from its definition, a crop-512 bundle
 around the graph, and small graphs for the backend's refusals.
 
-The graph is large (about 60 MB of float initializers, most of it the
+The graph is large (about 55 MB of float initializers, most of it the
 64 x 196608 image basis), so it is only ever generated, never committed.
 
 Usage:
@@ -20,8 +20,8 @@ Layout of OUT_DIR for cases:
   reference.f32            rgb [2,3,512,512] of the float64 reference on the
                            bundle's two frames and keypoints, rounded to
                            float32 (its last bits follow the machine's BLAS)
-  stages/<name>.f32        item 0's intermediate results, under the names of
-                           the backend's stage dumps, channel-first
+  stages/<name>.f32        item 0's intermediate results, under the names and
+                           in the layouts of the backend's stage dumps
   refuse/<case>.onnx       small graphs the backend refuses at load
 
 Weights, inputs and graph bytes are the same on every run: they come from
@@ -368,16 +368,14 @@ def _refusal_graphs(root):
     _write(os.path.join(root, "refuse", "not_onnx.onnx"), b"\x0a\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff")
 
 
-def write_graph_and_inputs(root, batch):
-    weights = m4b_weights()
-    model = m4b_model(weights, batch)
+def write_bench(root, batch):
+    """The graph and its inputs, without a bundle or a reference."""
     pooled, prior, ks, kd = m4b_inputs(batch)
-    _write(os.path.join(root, "m4b.onnx"), model.SerializeToString())
+    _write(os.path.join(root, "m4b.onnx"), m4b_model(m4b_weights(), batch).SerializeToString())
     _write(os.path.join(root, "pooled64.f16"), pooled.astype("<f2").tobytes())
     _write(os.path.join(root, "P.f16"), prior.astype("<f2").tobytes())
     _write(os.path.join(root, "kp_source.f32"), ks.astype("<f4").tobytes())
     _write(os.path.join(root, "kp_driving.f32"), kd.astype("<f4").tobytes())
-    return weights, model, (pooled, prior, ks, kd)
 
 
 def write_cases(root):
@@ -410,6 +408,6 @@ if __name__ == "__main__":
     if len(sys.argv) != 3 or sys.argv[1] not in ("bench", "cases"):
         sys.exit("usage: conv_graphs.py bench|cases OUT_DIR")
     if sys.argv[1] == "bench":
-        write_graph_and_inputs(sys.argv[2], 2)
+        write_bench(sys.argv[2], 2)
     else:
         write_cases(sys.argv[2])
