@@ -54,8 +54,6 @@ inline std::uint16_t fmaF16(std::uint16_t a, std::uint16_t b, std::uint16_t c) {
 
 inline std::uint16_t addF16(std::uint16_t a, std::uint16_t b) { return f16FromDouble(wideD(a) + wideD(b)); }
 
-inline std::uint16_t subF16(std::uint16_t a, std::uint16_t b) { return f16FromDouble(wideD(a) - wideD(b)); }
-
 inline std::uint16_t mulF16(std::uint16_t a, std::uint16_t b) { return f16FromDouble(wideD(a) * wideD(b)); }
 
 // The half of a float, with the same NaN as the operations above.

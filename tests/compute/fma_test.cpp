@@ -279,7 +279,6 @@ TEST(HalfArith, AddMulAndDoubleRoundingAgainstIntegers) {
     const std::uint64_t r = rng();
     const auto a = static_cast<std::uint16_t>(r), b = static_cast<std::uint16_t>(r >> 16);
     ASSERT_EQ(simd::soft::addF16(a, b), exact::add(a, b)) << std::hex << a << " + " << b;
-    ASSERT_EQ(simd::soft::subF16(a, b), exact::add(a, neg(b))) << std::hex << a << " - " << b;
     ASSERT_EQ(simd::soft::mulF16(a, b), exact::mul(a, b)) << std::hex << a << " * " << b;
     // A float to half: the rounding the engine's float stages end with.
     float x;
