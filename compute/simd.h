@@ -65,6 +65,12 @@ void quantU8Strided3(const float* src, std::uint8_t* dst, std::size_t n);
 void conv3x3Range(const float* in, int batch, int cin, int H, int W, const float* weights,
                   const float* bias, int cout, float* out, int lo, int hi);
 
+// out[i] = a[i] * b[i] + c[i] on halves, fused: rounded once to binary16,
+// to nearest with ties to even, subnormals kept, overflow to infinity, any
+// NaN result the quiet NaN 0x7e00 (see half_arith.h for the arithmetic).
+void fmaF16(const std::uint16_t* a, const std::uint16_t* b, const std::uint16_t* c, std::uint16_t* out,
+            std::size_t n);
+
 // One row of limited-range BT.601 in integers: with Y = y[x],
 // D = u[(x >> 1) * chromaStep] - 128, E = v[...] - 128, c = 298*Y - 4640,
 // R = (c + 409*E) >> 8, G = (c - 100*D - 208*E) >> 8, B = (c + 516*D) >> 8,

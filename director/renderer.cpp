@@ -8,6 +8,7 @@
 
 #include "compute/half.h"
 #include "compute/threads.h"
+#include "director/coreml/coreml_director.h"
 #include "director/diag.h"
 #include "director/legacy_compose.h"
 #include "director/renderer_impl.h"
@@ -104,28 +105,52 @@ Renderer::Renderer(const Manifest& manifest, Identity& identity, const std::stri
   im.threads = threads > 0 ? threads : pool::threads();
 
   std::string ep = epIn;
-  // The fused fp16 convolution backend needs the processor's fp16 vector
-  // unit and is not part of this build.
   if (ep == "neon" || (ep.empty() && std::strcmp(envText("LE_CONV_BACKEND"), "neon") == 0)) {
-    std::fprintf(stderr, "[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n");
-    ep.clear();
+    const std::string path = manifest.modelPath(name);
+    if (!ConvBackend::available()) {
+      std::fprintf(stderr, "[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n");
+      ep.clear();
+    } else if (!ConvBackend::graphSupported(path)) {
+      std::fprintf(stderr,
+                   "[le] NEON backend refused: %s is not the fused m4b graph (golden/unified director?); using ORT\n",
+                   name.c_str());
+      ep.clear();
+    } else if (manifest.crop != 512) {
+      throw std::runtime_error("le_conv: only crop=512 m4b bundles");
+    } else {
+      // The fused backend: no compose v2, no lip contour, no keypoint check.
+      im.conv = ConvBackend::create(path, im.threads);
+      im.ep = "neon";
+      im.batch = im.conv->batch();
+      im.rgbElems = static_cast<int64_t>(im.crop) * im.crop * 3;
+      im.rgbBuf.assign(static_cast<size_t>(im.batch) * static_cast<size_t>(im.rgbElems), 0.0f);
+      im.convPooledPtrs.assign(static_cast<size_t>(im.batch), nullptr);
+      im.convPriorPtrs.assign(static_cast<size_t>(im.batch), nullptr);
+      im.convPriorMapped = identity.priorBackend() == "mmap P.f16";
+      return;
+    }
   }
   im.runOptions.AddConfigEntry("memory.enable_memory_arena_shrinkage", "cpu:0");
   // Where CoreML exists the default is its provider on the CPU unit; this
   // runtime has no CoreML provider, so the default here is ONNX Runtime's
   // CPU provider and nothing about CoreML is tried or logged. A host that
-  // names a coreml ep still gets the fallback below, and is told so.
+  // names a coreml ep still gets the checks of the native director and the
+  // fallback below, and is told why.
 #if defined(__APPLE__)
   if (ep.empty()) ep = "coreml:cpu";
 #endif
   if (ep.rfind("coreml", 0) == 0) {
-    // The native CoreML director exists only on Apple platforms.
     if (envText("LE_NATIVE_COREML")[0] == '0') {
       im.note = "native CoreML director disabled by LE_NATIVE_COREML=0; this session runs the graph through "
                 "onnxruntime";
     } else {
-      im.note = "native CoreML director NOT used (falling back to onnxruntime): this build has no CoreML";
-      std::fprintf(stderr, "[le] %s\n", im.note.c_str());
+      std::string reason;
+      // This build has no CoreML, so open never yields a director: it makes
+      // the bundle's checks and says where it stopped.
+      if (!CoreMLDirector::open(manifest.bundle_dir, name, manifest.lip_template_json, &reason)) {
+        im.note = "native CoreML director NOT used (falling back to onnxruntime): " + reason;
+        std::fprintf(stderr, "[le] %s\n", im.note.c_str());
+      }
     }
   }
   if (!manifest.lip_template_json.empty())
@@ -228,6 +253,23 @@ Renderer::~Renderer() {
 const float* Renderer::render(const int* si, const float* kpSource, const float* kpDriving, int n) {
   Impl& im = *impl_;
   if (n < 1 || n > im.batch) throw std::runtime_error("render: bad n");
+  if (im.conv) {
+    const auto rgbElems = static_cast<size_t>(im.rgbElems);
+    if (!im.convPriorMapped && im.convPriorCopy.size() < static_cast<size_t>(n) * rgbElems)
+      im.convPriorCopy.resize(static_cast<size_t>(n) * rgbElems);
+    for (int b = 0; b < n; ++b) {
+      const auto ub = static_cast<size_t>(b);
+      im.convPooledPtrs[ub] = im.identity->pooled64(si[b]);
+      const uint16_t* prior = im.identity->P(si[b]);
+      if (!im.convPriorMapped) {
+        std::memcpy(im.convPriorCopy.data() + ub * rgbElems, prior, rgbElems * sizeof(uint16_t));
+        prior = im.convPriorCopy.data() + ub * rgbElems;
+      }
+      im.convPriorPtrs[ub] = prior;
+    }
+    im.conv->render(im.convPooledPtrs.data(), im.convPriorPtrs.data(), kpSource, kpDriving, n, im.rgbBuf.data());
+    return im.rgbBuf.data();
+  }
   if (im.ring)
     im.prepareHoisted(si[0], kpSource, kpDriving);  // batch 1
   else
@@ -243,6 +285,6 @@ int Renderer::batch() const { return impl_->batch; }
 int Renderer::crop() const { return impl_->crop; }
 const std::string& Renderer::ep() const { return impl_->ep; }
 const std::string& Renderer::directorNote() const { return impl_->note; }
-std::string Renderer::backend() const { return "ort"; }
+std::string Renderer::backend() const { return impl_->conv ? "neon" : "ort"; }
 
 }  // namespace le

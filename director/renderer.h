@@ -25,9 +25,12 @@ inline constexpr int kHostKpRows = 21;
 class Renderer {
  public:
   // name selects the member "model_" + name + ".onnx"; threads <= 0 means
-  // le::pool::threads(); ep is "" (the default, "coreml:cpu"), "neon", or
-  // "coreml[:cpu|gpu|ane|all]"; this build has neither backend, and each
-  // falls back, with a line on stderr, to ONNX Runtime's CPU provider.
+  // le::pool::threads(); ep is "" (ONNX Runtime's CPU provider here, where
+  // there is no CoreML), "neon" (the fused convolution backend, for the m4b
+  // graph at crop 512; any other graph falls back to ONNX Runtime with a
+  // line on stderr), or "coreml[:cpu|gpu|ane|all]" (this build has no
+  // CoreML: the native director's checks run and say why it is not used,
+  // and the session falls back to the CPU provider).
   // manifest and identity are read, not owned: both must outlive the renderer.
   Renderer(const Manifest& manifest, Identity& identity, const std::string& name, int threads,
            const std::string& ep);
@@ -37,18 +40,19 @@ class Renderer {
 
   // n rows (1 <= n <= batch()): si[b], and 63 floats per row in kpSource
   // and kpDriving. Returns batch() crops of three float planes R, G, B of
-  // crop x crop each, row b at b * 3 * crop * crop; rows from n on repeat
-  // row n - 1. Valid until the next render on this object. One thread at a
+  // crop x crop each, row b at b * 3 * crop * crop; on the ONNX Runtime
+  // road rows from n on repeat row n - 1, the fused backend leaves them as
+  // they were. Valid until the next render on this object. One thread at a
   // time.
   const float* render(const int* si, const float* kpSource, const float* kpDriving, int n);
 
   int batch() const;
   int crop() const;
-  // The execution provider in use: "cpu" here.
+  // The execution provider in use: "neon" for the fused backend, else "cpu".
   const std::string& ep() const;
   // Why the native CoreML director was not used, or "".
   const std::string& directorNote() const;
-  // "ort": the only backend of this build.
+  // "neon" when the fused convolution backend runs the frames, else "ort".
   std::string backend() const;
 
   struct Impl;

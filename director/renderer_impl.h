@@ -12,6 +12,7 @@
 
 #include "bundle/identity.h"
 #include "bundle/manifest.h"
+#include "director/conv/conv_backend.h"
 #include "director/renderer.h"
 #include "director/rewrites/wire.h"
 #include "director/source_cone_ring.h"
@@ -52,6 +53,14 @@ struct Renderer::Impl {
   std::optional<tessera::LipContour> lipContour;
   std::vector<float> lipBuf;
   bool composeV2 = false;
+
+  // The fused convolution backend, when it runs the frames instead of the
+  // session; the pointer lists it takes, and a copy of each prior row when
+  // the prior is a movie (its frame buffer moves on with the next pull).
+  std::unique_ptr<ConvBackend> conv;
+  std::vector<const uint16_t*> convPooledPtrs, convPriorPtrs;
+  std::vector<uint16_t> convPriorCopy;
+  bool convPriorMapped = false;
 
   std::string note;  // why the native CoreML director was not used
 

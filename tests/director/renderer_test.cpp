@@ -195,9 +195,10 @@ TEST(RendererRefusals, ExecutionProviders) {
             std::string::npos);
 }
 
-// This runtime has no CoreML provider and this build neither the native
-// director nor the fp16 backend: every road ends on the CPU provider, and
-// the log says so rather than claiming anything was engaged.
+// This runtime has no CoreML provider, this build no CoreML for the native
+// director, and the sample's graph is not the one the fused backend runs:
+// every road ends on the CPU provider, and the log says why rather than
+// claiming anything was engaged.
 TEST(RendererFallbacks, EveryProviderRoadEndsOnTheCpuProvider) {
   DirectorBundle b("sample");
   for (const std::string ep : {"", "coreml", "coreml:ane", "neon"}) {
@@ -214,11 +215,14 @@ TEST(RendererFallbacks, EveryProviderRoadEndsOnTheCpuProvider) {
     EXPECT_EQ(log.find("native CoreML director") != std::string::npos, asked) << log;
     EXPECT_NE(log.find("[le] director ep=cpu (ORT CPU EP)\n"), std::string::npos);
     EXPECT_EQ(log.find("ORT CoreML EP;"), std::string::npos);
-    EXPECT_EQ(log.find("[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n") !=
-                  std::string::npos,
+    EXPECT_EQ(log.find("[le] NEON backend refused: b1_fp32 is not the fused m4b graph (golden/unified director?); "
+                       "using ORT\n") != std::string::npos,
               ep == "neon");
     EXPECT_EQ(r->directorNote(),
-              asked ? "native CoreML director NOT used (falling back to onnxruntime): this build has no CoreML" : "");
+              asked ? "native CoreML director NOT used (falling back to onnxruntime): the bundle manifest carries no "
+                      "unified.graphs.b1.coreml_director block — this bundle was distributed before 2026-09-11 or by a "
+                      "producer that does not install the member"
+                    : "");
   }
   ScopedEnv native("LE_NATIVE_COREML", "0");
   std::unique_ptr<le::Renderer> r;
