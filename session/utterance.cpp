@@ -16,6 +16,7 @@
 #include "bundle/members.h"
 #include "director/renderer.h"
 #include "le/context.h"
+#include "tessera/stream_borrow.h"
 
 using namespace le::session;
 
@@ -119,10 +120,16 @@ void le_utt::shutdown() {
   {
     std::lock_guard<std::mutex> lock(m);
     stop = true;
-    paste_stop = true;
   }
   wake.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(m);
+    tess_stop = true;
+    paste_stop = true;
+  }
+  tess_cv.notify_all();
   paste_cv.notify_all();
+  if (tess_thread.joinable()) tess_thread.join();
   if (paste_thread.joinable()) paste_thread.join();
   if (worker_thread.joinable()) worker_thread.join();
   if (warm_thread.joinable()) warm_thread.join();
@@ -346,7 +353,8 @@ void le_utt::run() {
       mdl = model;
       steady_r = steady_pub;
       queued = static_cast<int>(head - tail);
-      paste_queued = pipeline_paste ? paste_q.size() : 0;
+      // The stage queues: an idle frame waits until both are empty.
+      paste_queued = pipeline_paste ? paste_q.size() + tess_q.size() : 0;
     }
     if (stopping) return;
     if (gen != seen_gen) {
