@@ -12,6 +12,7 @@
 #include "compute/pool.h"
 #include "compute/simd.h"
 #include "tessera/round.h"
+#include "tessera/stopwatch.h"
 #include "tessera/teeth_pass.h"
 
 namespace le::tessera {
@@ -48,11 +49,8 @@ void avgPool2(const float* in, int32_t h, int32_t w, float* out) {
 
 bool contains(const std::vector<int32_t>& v, int32_t x) { return std::find(v.begin(), v.end(), x) != v.end(); }
 
-// A bilinear tap along one axis: half-pixel centres, upsampling by 2.
-struct Tap {
-  int32_t lo, hi;
-  float f;
-};
+using Tap = UpsampleTap;
+
 Tap tapAt(int32_t i, int32_t n) {
   float src = (static_cast<float>(i) + 0.5f) * 0.5f - 0.5f;
   if (src < 0.0f) src = 0.0f;
@@ -137,6 +135,7 @@ void TeethPass::emit(const Pending& p, const std::vector<int32_t>* next, FrameRe
     result.n = 0;
     return;
   }
+  Stopwatch sw;
   mergeDonors(p, next);
   const int32_t m = static_cast<int32_t>(merged_.size());
   checkSynthRead(stamp_.window_y0(), stamp_.window_x0(), "emit");
@@ -192,7 +191,9 @@ void TeethPass::emit(const Pending& p, const std::vector<int32_t>* next, FrameRe
     }
   });
 
+  times_.gather += sw.lap();
   headForward(m);
+  sw.lap();  // headForward kept its own split
 
   // The synth plane's weight under the head mask: 0 on this road, where the
   // head has no synth branch, but measured all the same.
@@ -250,9 +251,12 @@ void TeethPass::emit(const Pending& p, const std::vector<int32_t>* next, FrameRe
     }
   });
   result.n = m;
+  times_.compose += sw.lap();
+  ++times_.emits;
 }
 
 void TeethPass::headForward(int32_t m) {
+  Stopwatch sw;
   const int32_t h2 = H_ / 2, w2 = W_ / 2;
   const size_t hw = static_cast<size_t>(H_) * W_, p2 = static_cast<size_t>(h2) * w2;
   const size_t mm = static_cast<size_t>(m);
@@ -290,8 +294,12 @@ void TeethPass::headForward(int32_t m) {
   conv(act0_, kHidden, head_.cand2_w, head_.cand2_b, kHidden, act1_, true);
   conv(act1_, kHidden, head_.cand4_w, head_.cand4_b, 1, logits_, false);
 
+  times_.convs += sw.lap();
+
   // Back to full resolution: bilinear, half-pixel centres, each donor apart.
   const int32_t uh = 2 * h2, uw = 2 * w2;
+  taps_x_.resize(static_cast<size_t>(uw));
+  for (int32_t x = 0; x < uw; ++x) taps_x_[x] = tapAt(x, w2);
   up_.resize(mm * hw);
   pool::parallelRange(mm, 1, [&](size_t lo, size_t hi) {
     for (size_t i = lo; i < hi; ++i) {
@@ -302,7 +310,7 @@ void TeethPass::headForward(int32_t m) {
         const float* a = L + static_cast<size_t>(ty.lo) * w2;
         const float* b = L + static_cast<size_t>(ty.hi) * w2;
         for (int32_t x = 0; x < uw; ++x) {
-          const Tap tx = tapAt(x, w2);
+          const Tap& tx = taps_x_[x];
           const float top = a[tx.lo] + (a[tx.hi] - a[tx.lo]) * tx.f;
           const float bot = b[tx.lo] + (b[tx.hi] - b[tx.lo]) * tx.f;
           out[static_cast<size_t>(y) * W_ + x] = top + ty.f * (bot - top);
@@ -311,36 +319,57 @@ void TeethPass::headForward(int32_t m) {
     }
   });
 
-  // Softmax over the donors per pixel; the synth plane, last, weighs 0.
+  // Softmax over the donors per pixel; the synth plane, last, weighs 0. Each
+  // pixel's arithmetic is its own; the loops walk a block of pixels donor by
+  // donor so that the planes are read in order.
   weights_.resize((mm + 1) * hw);
   pool::parallelRange(hw, 256, [&](size_t lo, size_t hi) {
-    for (size_t k = lo; k < hi; ++k) {
-      float mx = -1e30f;
-      for (size_t i = 0; i < mm; ++i) mx = std::max(mx, up_[i * hw + k]);
-      float sum = 0.0f;
+    constexpr size_t kBlock = 256;
+    float mx[kBlock], sum[kBlock];
+    for (size_t b0 = lo; b0 < hi; b0 += kBlock) {
+      const size_t n = std::min(kBlock, hi - b0);
+      std::fill(mx, mx + n, -1e30f);
+      std::fill(sum, sum + n, 0.0f);
       for (size_t i = 0; i < mm; ++i) {
-        const float e = expf(up_[i * hw + k] - mx);  // the C library's own
-        weights_[i * hw + k] = e;
-        sum += e;
+        const float* u = up_.data() + i * hw + b0;
+        for (size_t k = 0; k < n; ++k) mx[k] = std::max(mx[k], u[k]);
       }
-      for (size_t i = 0; i < mm; ++i) weights_[i * hw + k] = weights_[i * hw + k] / sum;
-      weights_[mm * hw + k] = 0.0f;
+      for (size_t i = 0; i < mm; ++i) {
+        const float* u = up_.data() + i * hw + b0;
+        float* w = weights_.data() + i * hw + b0;
+        for (size_t k = 0; k < n; ++k) {
+          w[k] = expf(u[k] - mx[k]);  // the C library's own
+          sum[k] += w[k];
+        }
+      }
+      for (size_t i = 0; i < mm; ++i) {
+        float* w = weights_.data() + i * hw + b0;
+        for (size_t k = 0; k < n; ++k) w[k] = w[k] / sum[k];
+      }
+      std::fill(weights_.data() + mm * hw + b0, weights_.data() + mm * hw + b0 + n, 0.0f);
     }
   });
 
+  // The blend: within the head mask the weighted sum of the candidates,
+  // donors in order from 0; elsewhere the synthesised value.
   blended_.resize(3 * hw);
   pool::parallelRange(3 * hw, 256, [&](size_t lo, size_t hi) {
-    for (size_t e = lo; e < hi; ++e) {
-      const size_t c = e / hw, k = e % hw;
-      if (head_mask_[k] == 0) {
-        blended_[e] = synth_planes_[e];
-        continue;
+    for (size_t e0 = lo; e0 < hi;) {
+      const size_t c = e0 / hw, k0 = e0 % hw;
+      const size_t n = std::min(hi - e0, hw - k0);  // within one channel's plane
+      float* out = blended_.data() + e0;
+      std::fill(out, out + n, 0.0f);
+      for (size_t i = 0; i < mm; ++i) {
+        const float* w = weights_.data() + i * hw + k0;
+        const float* cd = cand_.data() + (i * 3 + c) * hw + k0;
+        for (size_t k = 0; k < n; ++k) out[k] += w[k] * cd[k];
       }
-      float acc = 0.0f;
-      for (size_t i = 0; i < mm; ++i) acc += weights_[i * hw + k] * cand_[(i * 3 + c) * hw + k];
-      blended_[e] = acc;
+      for (size_t k = 0; k < n; ++k)
+        if (head_mask_[k0 + k] == 0) out[k] = synth_planes_[e0 + k];
+      e0 += n;
     }
   });
+  times_.blend += sw.lap();
 }
 
 }  // namespace le::tessera

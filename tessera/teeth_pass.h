@@ -40,12 +40,33 @@ struct FrameResult {
   float synth_max = -1.0f;
 };
 
+// Where a pass's time went, in milliseconds summed over its frames.
+struct PhaseTimes {
+  double prepare = 0.0;    // teeth mask, carry, pooling of the frame
+  double pooled = 0.0;     // pooled score of every donor, and its ranking
+  double exact = 0.0;      // exact score of the short list
+  double select = 0.0;     // aperture selection
+  double gather = 0.0;     // merge, candidates, head mask, synth planes
+  double convs = 0.0;      // head input and its three convolutions
+  double blend = 0.0;      // upsampling, softmax and blend
+  double compose = 0.0;    // statistics, carried donors, compose
+  uint64_t retrievals = 0;
+  uint64_t emits = 0;
+};
+
 // The synth plane's weights over all emitted frames.
 struct SynthWeightStats {
   uint64_t frames = 0;
   uint64_t pixels = 0;
   double sum = 0.0;  // sum of the per-frame means
   double peak = 0.0;
+};
+
+// One output index of the head's upsampling by 2 (bilinear, half-pixel
+// centres): the two input indices it reads and the fraction between them.
+struct UpsampleTap {
+  int32_t lo, hi;
+  float f;
 };
 
 class TeethPass {
@@ -94,6 +115,7 @@ class TeethPass {
   int32_t windowH() const { return H_; }
   int32_t windowW() const { return W_; }
   const SynthWeightStats& synthStats() const { return stats_; }
+  const PhaseTimes& phaseTimes() const { return times_; }
   // The last pooled and exact scores (exact only for the short list; 0
   // elsewhere): for tests and diagnostics.
   const std::vector<float>& pooledScores() const { return pooled_; }
@@ -185,6 +207,7 @@ class TeethPass {
   std::vector<int32_t> prev_sel_;
   int32_t prev_sel_frame_ = -2;
   SynthWeightStats stats_;
+  PhaseTimes times_;
   std::vector<int32_t> cur_, nxt_, cur_only_, merged_;
   std::vector<int32_t> koy_, kox_;  // merged donors' offsets at the frame's shift
   std::vector<uint8_t> gathered_;   // m x H x W x 3
@@ -196,6 +219,7 @@ class TeethPass {
   std::vector<float> act0_, act1_;  // m x 16 x h2 x w2
   std::vector<float> logits_;       // m x h2 x w2
   std::vector<float> up_;           // m x H x W
+  std::vector<UpsampleTap> taps_x_;  // the upsampling's taps along a row
   std::vector<float> weights_;      // (m + 1) x H x W
   std::vector<float> blended_;      // 3 x H x W
   std::vector<float> scores_;

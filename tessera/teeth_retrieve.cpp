@@ -12,6 +12,7 @@
 #include "compute/pool.h"
 #include "compute/simd.h"
 #include "tessera/number.h"
+#include "tessera/stopwatch.h"
 #include "tessera/teeth_pass.h"
 
 namespace le::tessera {
@@ -411,7 +412,9 @@ void TeethPass::stableArgsort(const std::vector<float>& values, std::vector<int3
 }
 
 const std::vector<int32_t>& TeethPass::retrieve(const uint8_t* rgb, const uint8_t* pi, int32_t dy0, int32_t dx0) {
+  Stopwatch sw;
   retrievePrepare(rgb, pi, dy0, dx0);
+  times_.prepare += sw.lap();
   const size_t P = static_cast<size_t>(ph_) * pw_;
   const RetrieveWork& w = work_;
   pooled_.resize(static_cast<size_t>(n_));
@@ -422,6 +425,7 @@ const std::vector<int32_t>& TeethPass::retrieve(const uint8_t* rgb, const uint8_
     }
   });
   stableArgsort(pooled_, order_);
+  times_.pooled += sw.lap();
   const int32_t s = std::min(n_, cfg_.kshort);
   if (use_exact_list_) buildMaskList();
   exact_.assign(static_cast<size_t>(n_), 0.0f);
@@ -431,7 +435,10 @@ const std::vector<int32_t>& TeethPass::retrieve(const uint8_t* rgb, const uint8_
       exact_[static_cast<size_t>(q)] = (use_exact_list_ ? exactTermFromList(q) : exactTermFromBand(q)) / w.dn;
     }
   });
+  times_.exact += sw.lap();
   retrieveSelect();
+  times_.select += sw.lap();
+  ++times_.retrievals;
   return chosen_;
 }
 
