@@ -338,6 +338,7 @@ void le_utt::run() {
     void* mdl = nullptr;
     le::Renderer* steady_r = nullptr;
     int queued = 0, paste_queued = 0;
+    bool teeth_faulted = false;
     {
       std::lock_guard<std::mutex> lock(m);
       gen = interrupt_gen;
@@ -355,6 +356,7 @@ void le_utt::run() {
       queued = static_cast<int>(head - tail);
       // The stage queues: an idle frame waits until both are empty.
       paste_queued = pipeline_paste ? paste_q.size() + tess_q.size() : 0;
+      teeth_faulted = tess_armed && tess_faulted;
     }
     if (stopping) return;
     if (gen != seen_gen) {
@@ -424,7 +426,10 @@ void le_utt::run() {
       }
     }
 
-    if (state.load(std::memory_order_relaxed) == kStateRamp) {
+    if (teeth_faulted) {
+      // Nothing can go out until a new teeth pass is attached: rendering
+      // frames that would only be refused would burn a core.
+    } else if (state.load(std::memory_order_relaxed) == kStateRamp) {
       if (ramp_left >= 1 && queued <= kQueueSlots - 1) progressed = produceRamp() || progressed;
     } else if (in_utterance && mdl) {
       if (avail >= 1 && queued <= kQueueSlots - 1) {

@@ -27,6 +27,10 @@ Layout under OUT_DIR/teeth:
   corpus/<case>.json       corpus identification cases: manifest text,
                            c_canon, canvas, and the expected name or refusal
   corpus/xs_target.f32     the source frames they identify over
+  session/                 a bundle a live session arms the teeth on (crop
+                           128, speech members, a raw rgb24 reference track)
+  pass/                    the frames the teeth pass is checked on, their pi
+                           masks, keypoints and shifts, and head configs
 """
 import copy
 import functools
