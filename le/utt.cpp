@@ -137,11 +137,11 @@ LE_API int le_utt_tessera_attach(le_utt* utt, const uint8_t* bank, int32_t n_don
                        manifest_json);
     return 0;
   } catch (const std::exception& e) {
-    try {
-      writeErrorBuffer(err, err_len, (std::string("le_utt_tessera_attach: ") + e.what()).c_str());
-    } catch (...) {
-      writeErrorBuffer(err, err_len, "le_utt_tessera_attach: unknown failure");
-    }
+    // The prefix, then as much of the reason as fits; nothing allocated.
+    static const char kPrefix[] = "le_utt_tessera_attach: ";
+    writeErrorBuffer(err, err_len, kPrefix);
+    const int used = static_cast<int>(sizeof kPrefix) - 1;
+    if (err && err_len > used) writeErrorBuffer(err + used, err_len - used, e.what());
   } catch (...) {
     writeErrorBuffer(err, err_len, "le_utt_tessera_attach: unknown failure");
   }

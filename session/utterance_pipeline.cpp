@@ -30,15 +30,13 @@ bool le_utt::enqueue(const float* c, int type, int si, int ordinal, const float*
     armed = tess_armed;
     threaded = tess_threaded;
     faulted = tess_faulted;
-    if (armed && !threaded) fresh = takeAttachedLocked();  // inline, the worker is the pass's actor
+    // Inline, the worker is the pass's actor and takes up a new one here.
+    if (armed && !threaded && !faulted) fresh = takeAttachedLocked();
   }
   if (!armed) return enqueueRaw(c, type, si, ordinal, kd, ms, sample);
-  if (threaded) return faulted ? false : enqueueTess(c, type, si, ordinal, kd, ms, sample, pushed_ms);
-  if (faulted) {
-    // A faulted teeth stage is final: no frame goes out without its teeth.
-    if (fresh) adoptPass(std::move(fresh));
-    return false;
-  }
+  // A faulted teeth stage is final: no frame goes out without its teeth.
+  if (faulted) return false;
+  if (threaded) return enqueueTess(c, type, si, ordinal, kd, ms, sample, pushed_ms);
   return enqueueTeethInline(std::move(fresh), c, type, si, ordinal, kd, ms, sample, pushed_ms);
 }
 

@@ -11,6 +11,7 @@
 
 #include "compute/pool.h"
 #include "compute/simd.h"
+#include "tessera/avg_pool.h"
 #include "tessera/round.h"
 #include "tessera/stopwatch.h"
 #include "tessera/teeth_pass.h"
@@ -30,21 +31,6 @@ const float* byteTable() {
     return v;
   }();
   return t.data();
-}
-
-void avgPool2(const float* in, int32_t h, int32_t w, float* out) {
-  const int32_t oh = h / 2, ow = w / 2;
-  for (int32_t oy = 0; oy < oh; ++oy) {
-    for (int32_t ox = 0; ox < ow; ++ox) {
-      const float* a = in + static_cast<size_t>(2 * oy) * w + 2 * ox;
-      float acc = 0.0f;
-      acc += a[0];
-      acc += a[1];
-      acc += a[w];
-      acc += a[w + 1];
-      out[static_cast<size_t>(oy) * ow + ox] = acc * 0.25f;
-    }
-  }
 }
 
 bool contains(const std::vector<int32_t>& v, int32_t x) { return std::find(v.begin(), v.end(), x) != v.end(); }
@@ -262,12 +248,12 @@ void TeethPass::headForward(int32_t m) {
   const size_t mm = static_cast<size_t>(m);
 
   synth_pool_.resize(3 * p2);
-  for (int c = 0; c < 3; ++c) avgPool2(synth_planes_.data() + c * hw, H_, W_, synth_pool_.data() + c * p2);
+  for (int c = 0; c < 3; ++c) avgPool(synth_planes_.data() + c * hw, H_, W_, 2, synth_pool_.data() + c * p2);
   feats_.resize(mm * kFeat * p2);
   pool::parallelRange(mm, 1, [&](size_t lo, size_t hi) {
     for (size_t i = lo; i < hi; ++i) {
       float* f = feats_.data() + i * kFeat * p2;
-      for (int c = 0; c < 3; ++c) avgPool2(cand_.data() + (i * 3 + c) * hw, H_, W_, f + c * p2);
+      for (int c = 0; c < 3; ++c) avgPool(cand_.data() + (i * 3 + c) * hw, H_, W_, 2, f + c * p2);
       std::memcpy(f + 3 * p2, synth_pool_.data(), 3 * p2 * sizeof(float));
       for (size_t k = 0; k < p2; ++k) {
         const float d0 = std::fabs(f[k] - f[3 * p2 + k]);

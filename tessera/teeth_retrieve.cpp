@@ -11,6 +11,7 @@
 
 #include "compute/pool.h"
 #include "compute/simd.h"
+#include "tessera/avg_pool.h"
 #include "tessera/number.h"
 #include "tessera/stopwatch.h"
 #include "tessera/teeth_pass.h"
@@ -28,24 +29,6 @@ float roundHalf(float v) {
   float out;
   simd::f16ToF32(&h, &out, 1);
   return out;
-}
-
-// Average pooling by k: each block's inputs summed from 0 in float, block row
-// by block row, then multiplied by 1 / (k * k). Rows and columns beyond the
-// last whole block are dropped.
-void avgPool(const float* in, int32_t h, int32_t w, int32_t k, float* out) {
-  const int32_t oh = h / k, ow = w / k;
-  const float scale = 1.0f / static_cast<float>(k * k);
-  for (int32_t oy = 0; oy < oh; ++oy) {
-    for (int32_t ox = 0; ox < ow; ++ox) {
-      float acc = 0.0f;
-      for (int32_t by = 0; by < k; ++by) {
-        const float* row = in + static_cast<size_t>(oy * k + by) * w + static_cast<size_t>(ox) * k;
-        for (int32_t bx = 0; bx < k; ++bx) acc += row[bx];
-      }
-      out[static_cast<size_t>(oy) * ow + ox] = acc * scale;
-    }
-  }
 }
 
 std::string tag(const char* what, int64_t a, int64_t b) {
