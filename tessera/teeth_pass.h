@@ -110,10 +110,6 @@ class TeethPass {
 
   // ---- what the pass holds ----
   const GeometryStamp& stamp() const { return stamp_; }
-  const ServeConfig& config() const { return cfg_; }
-  int32_t donors() const { return n_; }
-  int32_t windowH() const { return H_; }
-  int32_t windowW() const { return W_; }
   const SynthWeightStats& synthStats() const { return stats_; }
   const PhaseTimes& phaseTimes() const { return times_; }
   // The last pooled and exact scores (exact only for the short list; 0
@@ -124,11 +120,9 @@ class TeethPass {
   // plane last, and the 3 x H x W blend, for tests and diagnostics.
   const std::vector<float>& lastWeights() const { return weights_; }
   const std::vector<float>& lastBlend() const { return blended_; }
-  // Each donor's whole-pixel offset from the canonical centroid.
-  const std::vector<int32_t>& donorDy() const { return dy_; }
-  const std::vector<int32_t>& donorDx() const { return dx_; }
 
- protected:
+ private:
+  // One frame waiting for its successor.
   struct Pending {
     int32_t frame = 0;
     std::vector<uint8_t> rgb;  // a copy of the canvas
@@ -139,7 +133,6 @@ class TeethPass {
     std::string why;
   };
 
- private:
   // The per-frame working set of retrieval.
   struct RetrieveWork {
     std::vector<float> synth;       // 3 x H x W, byte / 255
