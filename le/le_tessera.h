@@ -93,6 +93,28 @@ LE_API int64_t le_tessera_members_band_bytes(const le_tessera_members* m);
 LE_API int le_tessera_members_reorder(const le_tessera_members* m, const uint8_t* track_frames,
                                       uint8_t* donor_frames, char* err, int err_len);
 
+/* ---- the whole teeth pass over a batch, without a session ----------------
+ * refs: n stored donor patches in donor order (band_h x band_w x 3 each);
+ * cent (2n), c_canon (2), aperture (n) and the 12 stamp integers as the
+ * members give them; head_pt/head_pt_len and head_json: the two head members.
+ * synth: n_frames canvases of canvas_h x canvas_w RGB bytes; pi: their masks,
+ * canvas_h x canvas_w bytes each. shifts: NULL, or n_frames pairs dy, dx; a
+ * pair whose dy is -10000 derives that frame's shift from its pi.
+ * out_frames receives n_frames windows of window_h x window_w x 3 bytes,
+ * written for the frames that aren't skipped; out_skipped one flag per frame,
+ * 1 when the frame couldn't be placed (its pi empty, or its shift beyond the
+ * stamp's pad). 0 on success, 1 on failure with the reason in err. */
+LE_API int le_tessera_run_shift(const uint8_t* refs, int32_t n, const double* cent, const double* c_canon,
+                                const double* aperture, const int32_t* stamp, const uint8_t* head_pt,
+                                int32_t head_pt_len, const char* head_json, const uint8_t* synth, const uint8_t* pi,
+                                const int32_t* shifts, int32_t n_frames, uint8_t* out_frames, uint32_t* out_skipped,
+                                char* err, int32_t err_len);
+/* le_tessera_run_shift with every shift derived from pi. */
+LE_API int le_tessera_run(const uint8_t* refs, int32_t n, const double* cent, const double* c_canon,
+                          const double* aperture, const int32_t* stamp, const uint8_t* head_pt, int32_t head_pt_len,
+                          const char* head_json, const uint8_t* synth, const uint8_t* pi, int32_t n_frames,
+                          uint8_t* out_frames, uint32_t* out_skipped, char* err, int32_t err_len);
+
 #ifdef __cplusplus
 }
 #endif

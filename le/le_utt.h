@@ -102,6 +102,38 @@ LE_API int le_utt_set_playout_position(le_utt* utt, int64_t played_samples);
  * -1 for NULL. */
 LE_API int le_utt_playout_stats(le_utt* utt, int64_t* skipped, int64_t* sample, double* latency_ms);
 
+/* ---- teeth ------------------------------------------------------------------
+ * Arms the teeth pass on a running session, before its first speech. A host
+ * reads the members with le_tessera_members_open (le/le_tessera.h), decodes
+ * the reference track itself and puts it in donor order, then hands
+ * everything over here in one call: the bank (n_donors stored patches of
+ * band_h x band_w x 3 bytes), cent (2 x n_donors), c_canon (2), aperture
+ * (n_donors), the 12 stamp integers, the head weights and configuration, and
+ * the manifest's text. All of it is copied. 0 armed; 1 refused, with the
+ * reason in err (at most err_len - 1 bytes and a NUL; nothing for a NULL err
+ * or err_len below 1), and the session as it was. This family never touches
+ * le_utt_last_error.
+ *
+ * From then on every frame's mouth window is corrected by borrowed teeth,
+ * one frame behind the renderer. A frame the pass refuses ends the teeth
+ * for the session: no frame goes out uncorrected, so none goes out at all,
+ * and le_utt_tessera_stats says why. */
+LE_API int le_utt_tessera_attach(le_utt* utt, const uint8_t* bank, int32_t n_donors, const double* cent,
+                                 const double* c_canon, const double* aperture, const int32_t* stamp,
+                                 const uint8_t* head_pt, int32_t head_pt_len, const char* head_json,
+                                 const char* manifest_json, char* err, int err_len);
+/* Frames corrected and refused, and the latest fault (err as above). 1 armed
+ * and healthy, -1 faulted, 0 not armed or NULL. */
+LE_API int le_utt_tessera_stats(le_utt* utt, uint64_t* ok, uint64_t* refused, char* err, int err_len);
+/* The corpus lip geometry attach identified the bank by ("v1", "v2", "v3");
+ * "" when not armed. 1 armed; 0 not armed, NULL, or out_len below 1 (then
+ * nothing is written). */
+LE_API int le_utt_tessera_geometry(le_utt* utt, char* out, int out_len);
+/* The blend head's weight on the synthesised mouth: the mean over frames of
+ * each frame's mean under the head mask, the largest seen, and the frames
+ * measured. 1 once a frame was measured; 0 before (outputs untouched). */
+LE_API int le_utt_tessera_synth_w(le_utt* utt, double* mean, double* max, uint64_t* frames);
+
 #ifdef __cplusplus
 }
 #endif

@@ -6,6 +6,7 @@
 #include "director/renderer.h"
 #include "le/boundary.h"
 #include "le/context.h"
+#include "le/error_buffer.h"
 #include "le/le_utt.h"
 #include "session/utterance.h"
 
@@ -108,6 +109,59 @@ LE_API int le_utt_set_playout_position(le_utt* utt, int64_t played_samples) {
 
 LE_API int le_utt_playout_stats(le_utt* utt, int64_t* skipped, int64_t* sample, double* latency_ms) {
   return utt ? utt->playoutStats(skipped, sample, latency_ms) : -1;
+}
+
+// The teeth family reports into the caller's buffer, never into the
+// session's error string.
+LE_API int le_utt_tessera_attach(le_utt* utt, const uint8_t* bank, int32_t n_donors, const double* cent,
+                                 const double* c_canon, const double* aperture, const int32_t* stamp,
+                                 const uint8_t* head_pt, int32_t head_pt_len, const char* head_json,
+                                 const char* manifest_json, char* err, int err_len) {
+  using le::boundary::writeErrorBuffer;
+  writeErrorBuffer(err, err_len, "");
+  if (!utt) {
+    writeErrorBuffer(err, err_len, "le_utt_tessera_attach: null session");
+    return 1;
+  }
+  if (!bank || !cent || !c_canon || !aperture || !stamp || !head_pt || !head_json || !manifest_json) {
+    writeErrorBuffer(err, err_len,
+                     "le_utt_tessera_attach: a required member is null — this ABI has no partial-attach state");
+    return 1;
+  }
+  if (n_donors <= 0) {
+    writeErrorBuffer(err, err_len, "le_utt_tessera_attach: n_donors <= 0");
+    return 1;
+  }
+  try {
+    utt->tesseraAttach(bank, n_donors, cent, c_canon, aperture, stamp, head_pt, head_pt_len, head_json,
+                       manifest_json);
+    return 0;
+  } catch (const std::exception& e) {
+    // The prefix, then as much of the reason as fits; nothing allocated.
+    static const char kPrefix[] = "le_utt_tessera_attach: ";
+    writeErrorBuffer(err, err_len, kPrefix);
+    const int used = static_cast<int>(sizeof kPrefix) - 1;
+    if (err && err_len > used) writeErrorBuffer(err + used, err_len - used, e.what());
+  } catch (...) {
+    writeErrorBuffer(err, err_len, "le_utt_tessera_attach: unknown failure");
+  }
+  return 1;
+}
+
+LE_API int le_utt_tessera_stats(le_utt* utt, uint64_t* ok, uint64_t* refused, char* err, int err_len) {
+  if (!utt) return 0;
+  return le::boundary::run(Family::Utterance, "le_utt_tessera_stats", 0,
+                           [&] { return utt->tesseraStats(ok, refused, err, err_len); });
+}
+
+LE_API int le_utt_tessera_geometry(le_utt* utt, char* out, int out_len) {
+  if (!utt) return 0;
+  return le::boundary::run(Family::Utterance, "le_utt_tessera_geometry", 0,
+                           [&] { return utt->tesseraGeometry(out, out_len); });
+}
+
+LE_API int le_utt_tessera_synth_w(le_utt* utt, double* mean, double* max, uint64_t* frames) {
+  return utt ? utt->tesseraSynthW(mean, max, frames) : 0;
 }
 
 }  // extern "C"

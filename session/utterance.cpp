@@ -16,6 +16,7 @@
 #include "bundle/members.h"
 #include "director/renderer.h"
 #include "le/context.h"
+#include "tessera/stream_borrow.h"
 
 using namespace le::session;
 
@@ -119,10 +120,16 @@ void le_utt::shutdown() {
   {
     std::lock_guard<std::mutex> lock(m);
     stop = true;
-    paste_stop = true;
   }
   wake.notify_all();
+  {
+    std::lock_guard<std::mutex> lock(m);
+    tess_stop = true;
+    paste_stop = true;
+  }
+  tess_cv.notify_all();
   paste_cv.notify_all();
+  if (tess_thread.joinable()) tess_thread.join();
   if (paste_thread.joinable()) paste_thread.join();
   if (worker_thread.joinable()) worker_thread.join();
   if (warm_thread.joinable()) warm_thread.join();
@@ -331,6 +338,7 @@ void le_utt::run() {
     void* mdl = nullptr;
     le::Renderer* steady_r = nullptr;
     int queued = 0, paste_queued = 0;
+    bool teeth_faulted = false;
     {
       std::lock_guard<std::mutex> lock(m);
       gen = interrupt_gen;
@@ -346,7 +354,9 @@ void le_utt::run() {
       mdl = model;
       steady_r = steady_pub;
       queued = static_cast<int>(head - tail);
-      paste_queued = pipeline_paste ? paste_q.size() : 0;
+      // The stage queues: an idle frame waits until both are empty.
+      paste_queued = pipeline_paste ? paste_q.size() + tess_q.size() : 0;
+      teeth_faulted = tess_armed && tess_faulted;
     }
     if (stopping) return;
     if (gen != seen_gen) {
@@ -416,7 +426,10 @@ void le_utt::run() {
       }
     }
 
-    if (state.load(std::memory_order_relaxed) == kStateRamp) {
+    if (teeth_faulted) {
+      // Nothing can go out until a new teeth pass is attached: rendering
+      // frames that would only be refused would burn a core.
+    } else if (state.load(std::memory_order_relaxed) == kStateRamp) {
       if (ramp_left >= 1 && queued <= kQueueSlots - 1) progressed = produceRamp() || progressed;
     } else if (in_utterance && mdl) {
       if (avail >= 1 && queued <= kQueueSlots - 1) {

@@ -3,7 +3,16 @@
 // Threads: the worker (`run`) makes every decision and owns the row store
 // and both renderers; `warm` builds the motion model and the chunk renderer
 // once; `dispatchLoop` calls the motion model; `pasteLoop` composites frames
-// when the paste is pipelined. Host threads push, pull and interrupt.
+// when the paste is pipelined; `tessLoop` runs the teeth pass on the
+// pipelined road once teeth are attached. Host threads push, pull,
+// interrupt and attach.
+//
+// The teeth pass belongs to one actor: the worker on the inline road, the
+// teeth thread on the pipelined one. It alone touches the pass and the held
+// frame. An attach builds the new pass on the host's thread and hands it
+// over under `m`; the actor adopts it at its next frame, so a pass is never
+// swapped or destroyed under a stage that is using it. The teeth counters and
+// fault that hosts read are written under `m` on both roads.
 //
 // Locks, outermost first: `m` (everything host threads touch), `playout_m`
 // (the host's position), the clock's own mutex. `job_m` guards the job slot
@@ -26,12 +35,16 @@
 #include "le/le_utt.h"
 #include "session/motion_family.h"
 #include "session/playout_clock.h"
+#include "tessera/teeth_pass.h"
 
 struct le_ctx;
 
 namespace le {
 class Renderer;
+namespace tessera {
+class StreamBorrow;
 }
+}  // namespace le
 
 namespace le::session {
 
@@ -39,6 +52,7 @@ inline constexpr int kKp = 63;              // floats of a keypoint row
 inline constexpr int kFrameSamples = 640;   // 40 ms at 16 kHz
 inline constexpr int kQueueSlots = 8;       // the output queue
 inline constexpr int kPasteDepth = 8;       // the paste stage's queue
+inline constexpr int kTessDepth = 2;        // the teeth stage's queue, and its share of the paste queue
 inline constexpr int kRowCap = 32;          // the row store
 inline constexpr double kWaitMs = 2.0;      // the longest any wait lasts before re-testing
 
@@ -73,7 +87,8 @@ struct PasteJob {
   double pushed_ms = 0.0;
 };
 
-// A bounded FIFO of jobs over a fixed ring.
+// A bounded FIFO of jobs over a fixed ring of kPasteDepth; a queue with a
+// smaller bound tests size() against it.
 class JobRing {
  public:
   int size() const { return n_; }
@@ -112,6 +127,13 @@ struct le_utt {
   void setPlayoutPosition(int64_t played_samples);
   int playoutStats(int64_t* skipped, int64_t* sample, double* latency_ms);
   void noteRenderFail(const char* stage, const char* what, bool fatal);
+  // Teeth: attach throws on a refusal and leaves the session as it was.
+  void tesseraAttach(const uint8_t* bank, int32_t n_donors, const double* cent, const double* c_canon,
+                     const double* aperture, const int32_t* stamp, const uint8_t* head_pt, int32_t head_pt_len,
+                     const char* head_json, const char* manifest_json);
+  int tesseraStats(uint64_t* ok, uint64_t* refused, char* err, int err_len);
+  int tesseraGeometry(char* out, int out_len);
+  int tesseraSynthW(double* mean, double* max, uint64_t* frames);
 
   // ---- configuration, fixed at construction ----
   le_ctx* ctx;
@@ -135,6 +157,7 @@ struct le_utt {
   void warm();
   void dispatchLoop();
   void pasteLoop();
+  void tessLoop();
 
   // ---- the worker pass and its speech path ----
   void startUtterance(int64_t start_sample);
@@ -148,15 +171,41 @@ struct le_utt {
   int nextSi(int si) const { return nt < 1 ? 0 : (si + 1) % nt; }
 
   // ---- the frame pipeline ----
-  bool enqueue(const float* crop, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample);
+  // pushed_ms: when a speech frame was told to the playout clock, 0 if it
+  // wasn't; the teeth roads re-tell it when the held frame goes on.
+  bool enqueue(const float* crop, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample,
+               double pushed_ms = 0.0);
   bool enqueueRaw(const float* crop, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample);
   bool enqueuePipe(const float* crop, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample);
+  bool enqueueTess(const float* crop, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample,
+                   double pushed_ms);
+  // Either stage queue: a copy of the crop into the worker's staging job,
+  // then a bounded wait for room.
+  bool enqueueStage(const float* crop, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample,
+                    double pushed_ms, le::session::JobRing& queue, int bound, std::condition_variable& cv);
   bool pasteInto(const PasteJob& job);
   bool composeSlot(le::session::Slot& slot, const float* crop, int si, int type, int ordinal, const float* kd,
                    int64_t sample);
   bool landedSampleAtPull(int type, int ordinal);
   void publishSlot(int type, int ordinal);
   void printStageReport();
+
+  // ---- the teeth stage (session/utterance_teeth.cpp) ----
+  bool enqueueTeethInline(std::unique_ptr<le::tessera::StreamBorrow> fresh, const float* crop, int type, int si,
+                          int ordinal, const float* kd, double* ms, int64_t sample, double pushed_ms);
+  std::unique_ptr<le::tessera::StreamBorrow> takeAttachedLocked();
+  void adoptPass(std::unique_ptr<le::tessera::StreamBorrow> fresh);
+  void tessStage(PasteJob& job);
+  bool tessEmitHeld(double* ms);
+  bool tessEmitHeldP();
+  bool tessDrain(double* ms);
+  bool tessDrainP();
+  void tessDiscardHeld();
+  bool tessEmitCommon();  // the steps both roads share; false on a refusal or fault
+  void parkHeld(const float* crop, int type, int si, int ordinal, const float* kd, int64_t sample, double pushed_ms);
+  bool pushPaste(bool has_crop, int type, int si, int ordinal, const float* kd, uint64_t gen, double enq_ms,
+                 int64_t sample);
+  void tessFault(const char* what);
 
   // ---- guarded by m ----
   std::mutex m;
@@ -186,12 +235,26 @@ struct le_utt {
   uint64_t tail = 0, head = 0, next_seq = 0;
   le::session::JobRing paste_q;
   le_utt_stats stats{};
+  // Teeth, as hosts see them. An attach leaves its pass in tess_next for the
+  // actor to adopt.
+  std::condition_variable tess_cv;
+  bool tess_stop = false;
+  bool tess_armed = false;
+  bool tess_threaded = false;
+  std::unique_ptr<le::tessera::StreamBorrow> tess_next;
+  std::string tess_geometry;
+  uint64_t tess_ok = 0, tess_refused = 0;
+  std::string tess_error;
+  bool tess_faulted = false;
+  le::tessera::SynthWeightStats tess_synth{};
+  le::session::JobRing tess_q;
   // Stage sums.
   double a_sum_ms = 0.0, a_wait_ms = 0.0;
   int64_t a_frames = 0;
   double c_sum_ms = 0.0;  // paste actor only
   int64_t c_jobs = 0;     // paste actor only
-  int64_t b_jobs = 0;
+  int64_t b_jobs = 0;      // teeth actor only
+  double b_sum_ms = 0.0;   // teeth actor only
   double deliver_sum_ms = 0.0;
   int64_t deliver_frames = 0;
 
@@ -246,5 +309,21 @@ struct le_utt {
   // ---- the paste thread's own ----
   PasteJob paste_job;
 
-  std::thread worker_thread, warm_thread, dispatch_thread, paste_thread;
+  // ---- the teeth actor's own: the worker inline, the teeth thread when
+  // pipelined ----
+  std::unique_ptr<le::tessera::StreamBorrow> tess;
+  le::tessera::FrameResult tess_result;
+  bool held = false;
+  std::vector<float> held_crop;
+  int held_type = 0, held_si = 0, held_ordinal = -1;
+  std::array<float, le::session::kKp> held_kd{};
+  int64_t held_sample = -1;
+  double held_pushed_ms = 0.0, held_at_ms = 0.0;
+  uint64_t held_gen = 0;
+  double held_enq_ms = 0.0;
+  uint64_t tess_gen = 0;
+  PasteJob tess_job;        // the teeth thread's job in hand
+  PasteJob tess_out_job;    // the teeth thread's staging job for the paste queue
+
+  std::thread worker_thread, warm_thread, dispatch_thread, paste_thread, tess_thread;
 };

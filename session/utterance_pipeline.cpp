@@ -1,7 +1,8 @@
 // The road of a rendered crop from the worker to the output queue: pasted
 // inline on the worker, or handed through a bounded queue to the paste
-// thread so that a frame's paste overlaps the next frame's render. The host
-// pulls finished frames from the 8-slot output queue at the end.
+// thread so that a frame's paste overlaps the next frame's render; with
+// teeth attached, through the teeth pass first (session/utterance_teeth.cpp).
+// The host pulls finished frames from the 8-slot output queue at the end.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,6 +11,7 @@
 
 #include "le/context.h"
 #include "session/utterance.h"
+#include "tessera/stream_borrow.h"
 
 using namespace le::session;
 
@@ -19,10 +21,23 @@ const auto kWait = std::chrono::duration<double, std::milli>(kWaitMs);
 
 }  // namespace
 
-bool le_utt::enqueue(const float* c, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample) {
-  // The teeth roads branch off here once a teeth pass can be attached;
-  // without one every frame takes the raw road.
-  return enqueueRaw(c, type, si, ordinal, kd, ms, sample);
+bool le_utt::enqueue(const float* c, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample,
+                     double pushed_ms) {
+  bool armed, threaded, faulted;
+  std::unique_ptr<le::tessera::StreamBorrow> fresh;
+  {
+    std::lock_guard<std::mutex> lock(m);
+    armed = tess_armed;
+    threaded = tess_threaded;
+    faulted = tess_faulted;
+    // Inline, the worker is the pass's actor and takes up a new one here.
+    if (armed && !threaded && !faulted) fresh = takeAttachedLocked();
+  }
+  if (!armed) return enqueueRaw(c, type, si, ordinal, kd, ms, sample);
+  // A faulted teeth stage is final: no frame goes out without its teeth.
+  if (faulted) return false;
+  if (threaded) return enqueueTess(c, type, si, ordinal, kd, ms, sample, pushed_ms);
+  return enqueueTeethInline(std::move(fresh), c, type, si, ordinal, kd, ms, sample, pushed_ms);
 }
 
 // Driver frame si into the slot, the crop (if any) composited onto it. A
@@ -94,6 +109,17 @@ bool le_utt::enqueueRaw(const float* c, int type, int si, int ordinal, const flo
 
 bool le_utt::enqueuePipe(const float* c, int type, int si, int ordinal, const float* kd, double* ms,
                          int64_t sample) {
+  return enqueueStage(c, type, si, ordinal, kd, ms, sample, 0.0, paste_q, kPasteDepth, paste_cv);
+}
+
+bool le_utt::enqueueTess(const float* c, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample,
+                         double pushed_ms) {
+  return enqueueStage(c, type, si, ordinal, kd, ms, sample, type == kSpeech ? pushed_ms : 0.0, tess_q, kTessDepth,
+                      tess_cv);
+}
+
+bool le_utt::enqueueStage(const float* c, int type, int si, int ordinal, const float* kd, double* ms, int64_t sample,
+                          double pushed_ms, JobRing& queue, int bound, std::condition_variable& cv) {
   const double t0 = le::PlayoutClock::nowMs();
   PasteJob& job = stage_job;
   job.has_crop = c != nullptr;
@@ -111,20 +137,20 @@ bool le_utt::enqueuePipe(const float* c, int type, int si, int ordinal, const fl
   job.gen = seen_gen;
   job.enq_ms = t0;
   job.sample = sample;
-  job.pushed_ms = 0.0;
+  job.pushed_ms = pushed_ms;
   {
     std::unique_lock<std::mutex> lock(m);
     if (stop) return false;
     const double w0 = le::PlayoutClock::nowMs();
-    while (paste_q.full()) {
+    while (queue.size() >= bound) {
       if (interrupt_gen != seen_gen || stop) return false;
       wake.wait_for(lock, kWait);
     }
     if (interrupt_gen != seen_gen || stop) return false;
     wait_ms += le::PlayoutClock::nowMs() - w0;
-    paste_q.pushSwap(job);
+    queue.pushSwap(job);
   }
-  paste_cv.notify_one();
+  cv.notify_one();
   if (ms) *ms += le::PlayoutClock::nowMs() - t0;
   return true;
 }
@@ -140,10 +166,12 @@ void le_utt::pasteLoop() {
       stale = paste_job.gen != interrupt_gen;
     }
     wake.notify_all();
+    tess_cv.notify_all();  // the teeth stage may be waiting for room
     if (stale) continue;
     pasteInto(paste_job);
     ++c_jobs;
     wake.notify_all();
+    tess_cv.notify_all();
   }
 }
 
@@ -202,8 +230,9 @@ void le_utt::printStageReport() {
     std::fprintf(stderr,
                  "[le_utt-stage] pipe=%d jobsB=%lld jobsC=%lld stageA_ms=%.3f stageA_work_ms=%.3f "
                  "stageA_wait_ms=%.3f stageB_ms=%.3f stageC_ms=%.3f deliver_lat_ms=%.3f over %lld speech frames\n",
-                 0, static_cast<long long>(b_jobs), static_cast<long long>(c_jobs), per(a_sum_ms, a_frames),
-                 per(a_sum_ms - a_wait_ms, a_frames), per(a_wait_ms, a_frames), 0.0, per(c_sum_ms, c_jobs),
+                 tess_threaded ? 1 : 0, static_cast<long long>(b_jobs), static_cast<long long>(c_jobs),
+                 per(a_sum_ms, a_frames), per(a_sum_ms - a_wait_ms, a_frames), per(a_wait_ms, a_frames),
+                 per(b_sum_ms, b_jobs), per(c_sum_ms, c_jobs),
                  per(deliver_sum_ms, deliver_frames), static_cast<long long>(deliver_frames));
   } else {
     std::fprintf(stderr,
@@ -211,6 +240,6 @@ void le_utt::printStageReport() {
                  "advanced (pipe=%d jobsB=%lld jobsC=0, %lld speech frames delivered). stageA/stageB/stageC and the "
                  "deliver latency are NOT reported rather than reported as zero: on this path the paste does not run "
                  "through the counted queue.\n",
-                 0, static_cast<long long>(b_jobs), static_cast<long long>(deliver_frames));
+                 tess_threaded ? 1 : 0, static_cast<long long>(b_jobs), static_cast<long long>(deliver_frames));
   }
 }

@@ -165,6 +165,7 @@ bool le_utt::renderSpeech(int n, le::Renderer* steady_r) {
   bool advanced = false;
   for (int i = 0; i < count; ++i) {
     const int r = row_read;
+    double pushed_ms = 0.0;
     if (active) {
       const double now = le::PlayoutClock::nowMs();
       if (next_ordinal >= 1 && clock.firstDueReady(next_ordinal, last_ordinal, now) > next_ordinal) {
@@ -180,6 +181,7 @@ bool le_utt::renderSpeech(int n, le::Renderer* steady_r) {
         continue;
       }
       clock.pushed(next_ordinal, now);
+      pushed_ms = now;
     }
     const float* out;
     double frame_ms;
@@ -202,7 +204,7 @@ bool le_utt::renderSpeech(int n, le::Renderer* steady_r) {
     std::memcpy(prev_kd.data(), row_xd.data() + static_cast<size_t>(r) * kKp, sizeof(float) * kKp);
     wait_ms = 0.0;
     if (!enqueue(out, kSpeech, prev_si, next_ordinal, prev_kd.data(), &frame_ms,
-                 utt_start_sample + static_cast<int64_t>(next_ordinal) * kFrameSamples))
+                 utt_start_sample + static_cast<int64_t>(next_ordinal) * kFrameSamples, pushed_ms))
       return advanced;
     ++row_read;
     ++next_ordinal;
@@ -273,7 +275,7 @@ bool le_utt::produceRamp() {
 }
 
 void le_utt::handleInterrupt() {
-  bool had_last;
+  bool had_last, threaded;
   int l_type, l_si;
   std::array<float, kKp> l_kd;
   {
@@ -284,9 +286,11 @@ void le_utt::handleInterrupt() {
     l_si = last_si;
     l_kd = last_kd;
     push_started = false;
+    threaded = tess_threaded;
   }
-  // A held teeth frame would be discarded here; no teeth pass is attached in
-  // this build.
+  // The inline road's held frame belongs to the old generation; the teeth
+  // thread drops its own when the first job of the new one reaches it.
+  if (!threaded) tessDiscardHeld();
   if (skipped_frames >= 1) printSkipLine("interrupted");
   utt_start_sample = 0;
   skipped_frames = rendered = 0;

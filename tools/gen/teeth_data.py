@@ -27,6 +27,10 @@ Layout under OUT_DIR/teeth:
   corpus/<case>.json       corpus identification cases: manifest text,
                            c_canon, canvas, and the expected name or refusal
   corpus/xs_target.f32     the source frames they identify over
+  session/                 a bundle a live session arms the teeth on (crop
+                           128, speech members, a raw rgb24 reference track)
+  pass/                    the frames the teeth pass is checked on, their pi
+                           masks, keypoints and shifts, and head configs
 """
 import copy
 import functools
@@ -40,7 +44,7 @@ import imx
 import lip_data
 import pi_reference
 import torch_pt
-from bundle_data import Rng, f32, sample_bundle
+from bundle_data import Bundle, Rng, f32, sample_bundle
 
 # The sample bundle and the valid head are built once: every bundle case
 # starts from them.
@@ -704,3 +708,243 @@ def write_cases(root):
     write_head_cases(root)
     write_pi_cases(root)
     write_corpus_cases(root)
+    write_session_cases(root)
+
+
+# ------------------------------------------------------- pass and session
+#
+# A bundle a live session can arm the teeth on, and the frames the pass is
+# checked on. The bundle renders a 128-pixel crop: on that canvas the three
+# corpus lip geometries lie far enough apart (v1 about 3.7 px from v2 and v3)
+# for the bank's canonical centroid to name one of them.
+#
+#   session/                 the bundle: crop 128, the streaming speech
+#                            members, the director with its lip template, a
+#                            unified block, and the four teeth members; the
+#                            reference track is raw rgb24 frames in track
+#                            order (container "raw"), which a host reads
+#                            without a decoder
+#   pass/frames.u8           canvases of 128 x 128 RGB
+#   pass/pi.u8               their pi masks (the bank's v1 geometry)
+#   pass/kp.f32              the keypoint rows the masks come from
+#   pass/shifts.i32          per frame dy, dx; dy -10000 derives it from pi
+#   pass/config/<case>.json  head configs the protocol is checked under
+
+SESSION_CROP = 128
+SESSION_NT = 4
+SESSION_W, SESSION_H = 160, 144
+# A 48x32 window over the mouth, the band within it, pad 6 and a margin of 4:
+# a stored patch is 44 wide and 28 high.
+SESSION_STAMP = dict(zip(STAMP_KEYS, [128, 128, 40, 72, 48, 32, 6, 8, 28, 6, 42, 4]))
+SESSION_DONORS = 40
+SESSION_UNIFIED = {"pi": {"mode": "prop", "corner_recovery": "lip_landmark_half", "prop_gate_scale": 0.9,
+                          "lip_idx": [17, 18, 19, 20], "lip_geom_params": [0.12, 0.08, 0.05]},
+                   "crop": {"canvas": SESSION_CROP}}
+SESSION_HEAD = {"retrieval": {"kshort": 24, "aperture_tol": 0.25, "cut": 12, "K": 8},
+                "temporal": {"hysteresis": 3, "lookahead": 2}, "decode": {"envelope_clamp_255": 12}}
+TRACK_NAME = "tessera_bank.v1.rgb"
+
+
+def stored_size(stamp):
+    return (stamp["band_r1"] - stamp["band_r0"] + 2 * stamp["shift_margin"],
+            stamp["band_c1"] - stamp["band_c0"] + 2 * stamp["shift_margin"])
+
+
+def lips_row(rng, cx, cy, hw, up, down, spread=0.5):
+    """A keypoint row with the lips (17, 18 corners; 19 upper, 20 lower) as
+    given and the other rows seeded."""
+    kp = [(rng.unit() * 2 - 1) * spread for _ in range(63)]
+    for r, (x, y) in zip([17, 18, 19, 20], [(cx - hw, cy), (cx + hw, cy), (cx, cy - up), (cx, cy + down)]):
+        kp[3 * r], kp[3 * r + 1] = x, y
+    return [float(v) for v in np.array(kp, dtype=np.float32)]
+
+
+def session_xs_target():
+    rng = Rng(0x7EE5)
+    rows = []
+    for _ in range(SESSION_NT):
+        kp = [(rng.unit() * 2 - 1) * 0.5 for _ in range(63)]
+        cx, cy = 0.02 * (rng.unit() - 0.5), 0.35 + 0.02 * (rng.unit() - 0.5)
+        hw, up, dn = 0.2 + 0.02 * rng.unit(), 0.05 + 0.01 * rng.unit(), 0.06 + 0.01 * rng.unit()
+        for r, (x, y) in zip([17, 18, 19, 20], [(cx - hw, cy), (cx + hw, cy), (cx, cy - up), (cx, cy + dn)]):
+            kp[3 * r], kp[3 * r + 1] = x, y
+        rows.append([float(v) for v in np.array(kp, dtype=np.float32)])
+    return rows
+
+
+def session_pi():
+    """The bank's pi: the manifest's block with the v1 corpus geometry."""
+    name, px, py, dn = pi_reference.CORPUS[0]
+    return pi_of(SESSION_UNIFIED["pi"], SESSION_CROP).with_geometry(px, py, dn)
+
+
+@functools.lru_cache(maxsize=None)
+def session_c_canon():
+    """The v1 canonical centroid over the bundle's own source frames, nudged
+    a little, and checked to name v1 clearly."""
+    pi = pi_of(SESSION_UNIFIED["pi"], SESSION_CROP)
+    rows = session_xs_target()
+    v1 = pi_reference.corpus_distances(pi, rows, (0.0, 0.0))[0][2]
+    c = (round(v1[0] + 0.25, 6), round(v1[1] - 0.375, 6))
+    d = sorted(v for _, v, _ in pi_reference.corpus_distances(pi, rows, c))
+    assert d[0] < 8.0 and d[1] - d[0] >= 3.0, d
+    return c
+
+
+def paint_mouth(img, cx, cy, hw, half_open, rng, teeth=220, lips=(170, 70, 72)):
+    """Lips, a dark inner mouth and a row of bright, neutral teeth around
+    (cx, cy) on an H x W x 3 uint8 image, in pixels."""
+    h, w, _ = img.shape
+    for y in range(max(0, int(cy - half_open - 3)), min(h, int(cy + half_open + 4))):
+        for x in range(max(0, int(cx - hw - 2)), min(w, int(cx + hw + 3))):
+            u, v = (x - cx) / (hw + 2), (y - cy) / (half_open + 3)
+            r = u * u + v * v
+            if r > 1.0:
+                continue
+            if r > 0.55:
+                col = lips
+            elif abs(y - cy) < half_open * 0.6 and abs(x - cx) < hw * 0.8:
+                t = teeth + int(rng.unit() * 24) - 12
+                col = (t, t - int(rng.unit() * 6), t - 8 - int(rng.unit() * 10))
+            else:
+                col = (55, 28, 30)
+            img[y, x] = [max(0, min(255, c + int(rng.unit() * 9) - 4)) for c in col]
+
+
+def session_bank():
+    """(donor patches in donor order, sidecar dict) of the session bundle."""
+    n = SESSION_DONORS
+    rng = Rng(0xBA4C)
+    sh, sw = stored_size(SESSION_STAMP)
+    s = SESSION_STAMP
+    cx0, cy0 = session_c_canon()
+    donors, cent, aperture = [], [], []
+    for q in range(n):
+        img = np.zeros((sh, sw, 3), dtype=np.uint8)
+        base = np.array([196, 148, 128]) + (np.array([rng.unit(), rng.unit(), rng.unit()]) * 30 - 15).astype(int)
+        for y in range(sh):
+            for x in range(sw):
+                img[y, x] = np.clip(base + int(rng.unit() * 16) - 8, 0, 255)
+        open_px = 1.5 + 5.0 * rng.unit()
+        # The mouth centre in stored coordinates: window (c_canon - window
+        # origin) less the band origin, plus the margin.
+        mx = cx0 - s["window_x0"] - s["band_c0"] + s["shift_margin"]
+        my = cy0 - s["window_y0"] - s["band_r0"] + s["shift_margin"]
+        paint_mouth(img, mx, my, 13 + 4 * rng.unit(), open_px, rng, teeth=190 + int(50 * rng.unit()))
+        donors.append(img.tobytes())
+        off = (round(rng.unit() * 8 - 4, 3), round(rng.unit() * 8 - 4, 3))
+        if q == 7:
+            off = (9.25, -0.5)  # beyond the pad: read with its offset clamped
+        cent.append([round(cx0 + off[0], 6), round(cy0 + off[1], 6)])
+        aperture.append(round(0.04 + open_px / 20.0 + 0.05 * rng.unit(), 6))
+    order = [(7 * i + 3) % n for i in range(n)]
+    assert sorted(order) == list(range(n))
+    side = {"format": "tessera_bank.v1", "geometry": dict(SESSION_STAMP), "n_donors": n, "track_order": order,
+            "cent": cent, "aperture": aperture, "c_canon": list(session_c_canon()),
+            "codec": {"codec": "rawvideo", "pix_fmt": "rgb24"}}
+    return donors, side
+
+
+def session_bundle():
+    import audio_graphs
+    from frames_data import driver_frames, pooled_features
+    from render_graphs import SAMPLE_KEY, Director, director_members
+    crop, nt = SESSION_CROP, SESSION_NT
+    rng = Rng(0x5E7)
+    manifest = {"format": "le-bundle-v0", "agent": "teeth", "NT": nt, "H": SESSION_H, "W": SESSION_W,
+                "M_src_w": SESSION_W, "M_src_h": SESSION_H, "crop": crop, "amount": 0.5, "sigma": 1.5, "ksize": 7,
+                "frames": 6,
+                "tessera": {"members": {"bank_track": TRACK_NAME}, "planes": ["cpu"], "geometry": dict(SESSION_STAMP),
+                            "bank_container": "raw", "bank_packing": "rgb24_frames"},
+                "unified": copy.deepcopy(SESSION_UNIFIED)}
+    prior = (np.arange(nt * 3 * crop * crop, dtype=np.float64) * 0.618034) % 1.0
+    members = {
+        "P.f16": prior.astype("<f2").tobytes(),
+        "pooled64.f16": pooled_features(nt),
+        "M.f32": f32([v for _ in range(nt) for v in (1.0, 0.0, 16.0, 0.0, 1.0, 8.0)]),
+        "mask_512.u8": rng.bytes(crop * crop),
+        "drive/xs.f32": f32([v for i in range(6) for v in session_xs_target()[i % nt]]),
+        "drive/xd.f32": f32([v for i in range(6) for v in session_xs_target()[(i + 1) % nt]]),
+        "drive/si.i32": struct.pack("<6i", *[i % nt for i in range(6)]),
+        "xs_target.bin": f32([v for kp in session_xs_target() for v in kp]),
+    }
+    members.update(director_members(crop, {"model_%s.onnx" % SAMPLE_KEY: Director(crop)}))
+    members.update(audio_graphs.sample_members())
+    members.update(driver_frames(nt, SESSION_W, SESSION_H))
+    donors, side = session_bank()
+    members[TRACK_NAME] = b"".join(donors[d] for d in side["track_order"])
+    members[SLOT_FILES["bank_sidecar"]] = (json.dumps(side) + "\n").encode()
+    members[SLOT_FILES["head_weights"]] = valid_head()
+    members[SLOT_FILES["head_config"]] = (json.dumps(SESSION_HEAD) + "\n").encode()
+    return manifest, members
+
+
+def pass_frames():
+    """(canvases, pi masks, keypoint rows, shifts) of the pass cases."""
+    rng = Rng(0xF4A3)
+    pi = session_pi()
+    S = SESSION_CROP
+    h = (S - 1) * 0.5
+    # (mouth centre x, y, half width, lip half-openings up and down, teeth
+    # brightness, fixed shift or None)
+    cases = [
+        (0.0, 0.35, 0.21, 0.055, 0.065, 225, None),
+        (0.01, 0.36, 0.2, 0.07, 0.08, 230, None),
+        (-0.02, 0.34, 0.22, 0.06, 0.07, 215, None),
+        (0.0, 0.35, 0.2, 0.02, 0.025, 70, None),    # a closed, dark mouth: too few teeth pixels
+        (0.03, 0.37, 0.21, 0.065, 0.07, 235, None),
+        (0.0, 0.35, 0.21, 0.06, 0.07, 220, (6, -6)),  # a shift of exactly the pad
+        (-0.01, 0.345, 0.2, 0.06, 0.075, 225, None),
+        (0.0, 0.35, 0.21, 0.06, 0.07, 220, (7, 0)),   # one beyond the pad: skipped
+        (0.02, 0.36, 0.21, 0.06, 0.07, 228, None),    # after a skip: nothing carried
+        (3.0, 3.0, 0.2, 0.05, 0.05, 220, None),       # lips off the canvas: pi empty, skipped
+        (0.0, 0.35, 0.22, 0.07, 0.08, 232, None),
+        (-0.03, 0.33, 0.21, 0.06, 0.065, 226, None),
+    ]
+    frames, masks, kps, shifts = [], [], [], []
+    for cx, cy, hw, up, down, teeth, shift in cases:
+        img = np.zeros((S, S, 3), dtype=np.uint8)
+        for y in range(S):
+            for x in range(S):
+                img[y, x] = (150 + (x * 3 + y) % 40 + int(rng.unit() * 20), 110 + int(rng.unit() * 30),
+                             95 + (y * 5) % 30)
+        kp = lips_row(rng, cx, cy, hw, up, down)
+        if cx < 2.0:
+            paint_mouth(img, h * (cx + 1.0), h * (cy + (down - up) / 2 + 1.0), h * hw * 0.8, h * (up + down) * 0.45,
+                        rng, teeth=teeth)
+        frames.append(img.tobytes())
+        masks.append(pi.pi_u8(kp).tobytes())
+        kps.append(kp)
+        shifts += list(shift) if shift else [-10000, 0]
+    return frames, masks, kps, shifts
+
+
+def pass_configs():
+    def cfg(**changes):
+        c = copy.deepcopy(SESSION_HEAD)
+        for path, value in changes.items():
+            block, key = path.split("__")
+            c[block][key] = value
+        return c
+    return {
+        "base": cfg(),
+        "no_hysteresis": cfg(temporal__hysteresis=0),
+        "no_lookahead": cfg(temporal__lookahead=0),
+        "wide": cfg(retrieval__kshort=40, retrieval__cut=40, retrieval__K=16, temporal__hysteresis=6,
+                    temporal__lookahead=5),
+        "narrow_tolerance": cfg(retrieval__aperture_tol=0.01),
+        "short_list": cfg(retrieval__kshort=1, retrieval__cut=1, retrieval__K=3),
+    }
+
+
+def write_session_cases(root):
+    manifest, members = session_bundle()
+    Bundle(manifest, members).write_dir(os.path.join(root, "session"))
+    frames, masks, kps, shifts = pass_frames()
+    d = os.path.join(root, "pass")
+    put(os.path.join(d, "frames.u8"), b"".join(frames))
+    put(os.path.join(d, "pi.u8"), b"".join(masks))
+    put(os.path.join(d, "kp.f32"), f32([v for kp in kps for v in kp]))
+    put(os.path.join(d, "shifts.i32"), struct.pack("<%di" % len(shifts), *shifts))
+    for name, c in pass_configs().items():
+        put(os.path.join(d, "config", name + ".json"), (json.dumps(c) + "\n").encode())
