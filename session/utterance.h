@@ -22,6 +22,7 @@
 // reaches a stage blocked on a full queue.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <condition_variable>
@@ -58,6 +59,14 @@ inline constexpr double kWaitMs = 2.0;      // the longest any wait lasts before
 
 enum FrameType : int32_t { kIdle = 0, kSpeech = 1, kRamp = 2 };
 enum State : int32_t { kStateIdle = 0, kStateOnset = 1, kStateSpeech = 2, kStateRamp = 3 };
+
+// A frame's driven keypoints, or zeros when it has none.
+inline void copyKd(std::array<float, kKp>& to, const float* kd) {
+  if (kd)
+    std::copy(kd, kd + kKp, to.begin());
+  else
+    to.fill(0.0f);
+}
 
 // One finished frame of the output queue; `rgb` keeps its allocation.
 struct Slot {

@@ -59,10 +59,7 @@ bool le_utt::composeSlot(Slot& slot, const float* c, int si, int type, int ordin
   slot.type = type;
   slot.si = si;
   slot.ordinal = ordinal;
-  if (kd)
-    std::memcpy(slot.kd.data(), kd, sizeof(float) * kKp);
-  else
-    slot.kd.fill(0.0f);
+  copyKd(slot.kd, kd);
   slot.sample = sample;
   return true;
 }
@@ -130,10 +127,7 @@ bool le_utt::enqueueStage(const float* c, int type, int si, int ordinal, const f
   job.type = type;
   job.si = si;
   job.ordinal = ordinal;
-  if (kd)
-    std::memcpy(job.kd.data(), kd, sizeof(float) * kKp);
-  else
-    job.kd.fill(0.0f);
+  copyKd(job.kd, kd);
   job.gen = seen_gen;
   job.enq_ms = t0;
   job.sample = sample;

@@ -132,7 +132,7 @@ void le_utt::parkHeld(const float* c, int type, int si, int ordinal, const float
   held_type = type;
   held_si = si;
   held_ordinal = ordinal;
-  std::memcpy(held_kd.data(), kd ? kd : kNoKp.data(), sizeof(float) * kKp);
+  copyKd(held_kd, kd);
   held_sample = sample;
   held_pushed_ms = type == kSpeech ? pushed_ms : 0.0;
   held_at_ms = nowMs();
