@@ -24,6 +24,10 @@ struct JVal {
   std::vector<JVal> arr;
   std::vector<std::pair<std::string, JVal>> obj;  // document order, duplicates kept
 
+  // Defined where JVal is complete: clang with libstdc++ would otherwise ask
+  // whether the member pair is default-constructible while JVal isn't yet.
+  JVal();
+
   // The first member named `key` (exact, case-sensitive); throws
   // "teeth: member JSON lacks key '<key>'" when there is none.
   const JVal& req(const std::string& key) const;
@@ -34,8 +38,14 @@ struct JVal {
 // A cursor over [p, end). The character at `end` must be readable and NUL
 // (as std::string guarantees): numbers go to strtod, which stops there.
 struct JParser {
+  // Arrays and objects nest at most this deep; a deeper document is refused
+  // with "teeth: JSON nested deeper than 256 levels" rather than letting the
+  // recursion run off the stack. The members need a handful of levels.
+  static constexpr int kMaxDepth = 256;
+
   const char* p;
   const char* end;
+  int depth = 0;  // arrays and objects open at the cursor
 
   explicit JParser(const std::string& text) : p(text.c_str()), end(text.c_str() + text.size()) {}
 
