@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <string>
 
 namespace le::tessera::json {
 
@@ -13,22 +12,6 @@ bool startsWith(const char* p, const char* end, const char* word) {
   const size_t n = std::strlen(word);
   return static_cast<size_t>(end - p) >= n && std::memcmp(p, word, n) == 0;
 }
-
-// One level of nesting, for the life of an array or object being read.
-class Nest {
- public:
-  explicit Nest(int& depth) : depth_(depth) {
-    if (depth_ >= JParser::kMaxDepth)
-      throw std::runtime_error("teeth: JSON nested deeper than " + std::to_string(JParser::kMaxDepth) + " levels");
-    ++depth_;
-  }
-  ~Nest() { --depth_; }
-  Nest(const Nest&) = delete;
-  Nest& operator=(const Nest&) = delete;
-
- private:
-  int& depth_;
-};
 
 }  // namespace
 
@@ -124,7 +107,6 @@ std::string JParser::strv() {
 }
 
 JVal JParser::objv() {
-  const Nest nest(depth);
   ++p;  // '{'
   JVal v;
   v.kind = JVal::kObject;
@@ -154,7 +136,6 @@ JVal JParser::objv() {
 }
 
 JVal JParser::arrv() {
-  const Nest nest(depth);
   ++p;  // '['
   JVal v;
   v.kind = JVal::kArray;

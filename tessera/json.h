@@ -38,14 +38,8 @@ struct JVal {
 // A cursor over [p, end). The character at `end` must be readable and NUL
 // (as std::string guarantees): numbers go to strtod, which stops there.
 struct JParser {
-  // Arrays and objects nest at most this deep; a deeper document is refused
-  // with "teeth: JSON nested deeper than 256 levels" rather than letting the
-  // recursion run off the stack. The members need a handful of levels.
-  static constexpr int kMaxDepth = 256;
-
   const char* p;
   const char* end;
-  int depth = 0;  // arrays and objects open at the cursor
 
   explicit JParser(const std::string& text) : p(text.c_str()), end(text.c_str() + text.size()) {}
 

@@ -45,6 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   FUZZ_CHECK(err.empty());
+  // Each member node and initializer comes along at most once, in the place
+  // of a structure field: the result is no larger than the two inputs.
+  FUZZ_CHECK(model.size() <= member.size() + structure.size() + 16);
   // The spliced model reads whole and still declares the lip input.
   fuzz::walkMessage(gsSliceOf(model));
   int64_t first = 0, last = 0;

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "audio/a2x_meta.h"
-#include "tessera/compose_v2_structure.h"
-#include "tessera/json.h"
+#include "bundle/manifest.h"
+#include "tessera/box.h"
 #include "tessera/lip_contour.h"
 #include "tests/support/test_support.h"
 
@@ -45,37 +45,56 @@ TEST(FuzzFindings, A2xMetaKeysAndTheirOwnRefusals) {
             "a2x_meta.json declares h=0 and layers=6; the encoder needs a width of 1 or more and 0 or more layers");
 }
 
-// The JSON reader recursed once per level of nesting: a member of a
-// megabyte of '[' ran off the stack. Nesting is bounded now.
-TEST(FuzzFindings, JsonNestingIsBounded) {
-  const std::string deep(1000000, '[');
-  EXPECT_EQ(errorOf([&] { le::tessera::json::parseJson(deep, "tessera_bank.v1.json"); }),
-            "teeth: tessera_bank.v1.json is not readable JSON: teeth: JSON nested deeper than 256 levels");
-  const std::string objects = [] {
-    std::string t;
-    for (int i = 0; i < 200000; ++i) t += "{\"a\":";
-    return t;
-  }();
-  EXPECT_EQ(errorOf([&] { le::tessera::json::JParser(objects).document(); }),
-            "teeth: JSON nested deeper than 256 levels");
-
-  // 256 levels read, and the count starts over for a sibling.
-  const std::string levels255 = std::string(255, '[') + std::string(255, ']');
-  const le::tessera::json::JVal v = le::tessera::json::JParser("[" + levels255 + ", " + levels255 + "]").document();
-  ASSERT_EQ(v.arr.size(), 2u);
-  const std::string levels256 = "[" + levels255 + "]";
-  EXPECT_EQ(errorOf([&] { le::tessera::json::JParser("[" + levels256 + "]").document(); }),
-            "teeth: JSON nested deeper than 256 levels");
+// A published output whose long side passes the even and aspect tests but
+// no int holds: the conversion to the canvas fields was undefined.
+TEST(FuzzFindings, PublishedOutputBeyondInt32IsRefused) {
+  le::test::TempDir dir;
+  le::test::writeFile(dir / "driver.mp4", "driver");
+  le::test::writeFile(dir / "manifest.json",
+                      R"({"format": "le-bundle-v0", "agent": "a", "NT": 1, "H": 1, "W": 2147483647, "crop": 1,
+                          "amount": 0, "sigma": 1, "ksize": 3, "frames": 1, "M_src_w": 1, "M_src_h": 1,
+                          "outputs": {"2": {"width": 4294967294, "height": 2, "driver_mp4": "driver.mp4"}}})");
+  EXPECT_EQ(errorOf([&] { le::loadManifest(dir.path(), 2); }),
+            dir.path() + "/manifest.json outputs.2 declares 4294967294.000000x2.000000 — a side that no 32-bit "
+                         "integer holds cannot be served");
 }
 
-TEST(FuzzFindings, DeepLipTemplateIsRefusedNotCrashed) {
-  const std::string deep = "{\"format\": " + std::string(300000, '[');
-  EXPECT_EQ(errorOf([&] { le::tessera::LipContour::fromTemplateJson(deep, 32); }),
-            "lip_template.v1.json: is not parseable JSON (teeth: JSON nested deeper than 256 levels)");
-  std::vector<uint8_t> structure;
-  std::string source, error;
-  EXPECT_EQ(le::tessera::composeV2StructureFromTemplate(deep, "model_b1.onnx", structure, source, error, nullptr), -1);
-  EXPECT_EQ(error, "lip_template.v1.json is not parseable JSON (teeth: JSON nested deeper than 256 levels)");
+// A lip vertex far off the canvas (a template's u_canon of 1e9, a garbage
+// keypoint) made the outline walk every edge to its end, up to two million
+// steps each, on every frame: a template of 400 such vertices cost seconds a
+// frame. The walk now covers only the box, and paints exactly what the whole
+// walk paints there: the mask in a box is the crop of the mask in a box that
+// holds the whole polygon, where nothing is skipped.
+TEST(FuzzFindings, FarLipVerticesCostTheBoxAndPaintWhatTheWholeWalkPaints) {
+  const double u[8] = {};
+  const int32_t row[] = {17};
+  le::tessera::LipContour c(64, 1.0f, u, 4, row, 1);
+  const double poly[] = {-1500.0, 20.5, 1800.0, -900.0, 35.0, 2500.0, -40.0, 10.0};
+  const le::tessera::Box whole{-1600, -1000, 1900, 2600};
+  std::vector<uint8_t> all(static_cast<size_t>(whole.width()) * whole.height());
+  c.fillScanline(poly, whole, all.data());
+  size_t painted = 0;
+  for (const le::tessera::Box& b : {le::tessera::Box{0, 0, 64, 64}, le::tessera::Box{-20, 5, 40, 70},
+                                     le::tessera::Box{100, -300, 180, -250}, le::tessera::Box{-1500, 19, -1490, 23},
+                                     le::tessera::Box{30, 2400, 40, 2500}, le::tessera::Box{1700, -900, 1801, -800}}) {
+    std::vector<uint8_t> part(static_cast<size_t>(b.width()) * b.height());
+    c.fillScanline(poly, b, part.data());
+    for (int32_t y = 0; y < b.height(); ++y)
+      for (int32_t x = 0; x < b.width(); ++x) {
+        const uint8_t expected = all[static_cast<size_t>(y + b.y0 - whole.y0) * whole.width() + (x + b.x0 - whole.x0)];
+        ASSERT_EQ(part[static_cast<size_t>(y) * b.width() + x], expected) << "box at " << b.x0 << "," << b.y0;
+        painted += expected != 0;
+      }
+  }
+  EXPECT_GT(painted, 1000u);
+
+  // The template that took seconds a frame.
+  const std::string far = le::test::readFile(std::string(LE_FUZZ_REGRESSIONS) + "/lip_template/far_vertices.json");
+  le::tessera::LipContour t = le::tessera::LipContour::fromTemplateJson(far, 32);
+  std::vector<float> kp(63, 0.0f), canvas(32 * 32);
+  for (int i = 0; i < 4; ++i) kp[(17 + i) * 3] = 0.1f * static_cast<float>(i);
+  t.contourF32Canvas(kp.data(), canvas.data());
+  EXPECT_EQ(t.nv, 400);
 }
 
 }  // namespace
