@@ -48,8 +48,12 @@ JVal JParser::val() {
     v.str = strv();
     return v;
   }
-  if (*p == '[') return arrv();
-  if (*p == '{') return objv();
+  if (*p == '[' || *p == '{') {
+    if (++depth > kMaxDepth) throw std::runtime_error("teeth: JSON nests deeper than 256 levels");
+    JVal nested = *p == '[' ? arrv() : objv();
+    --depth;
+    return nested;
+  }
   // The literal words are taken on their own; what follows them is the
   // caller's to judge (a "truex" reads as true followed by junk).
   if (startsWith(p, end, "true")) {

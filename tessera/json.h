@@ -38,8 +38,13 @@ struct JVal {
 // A cursor over [p, end). The character at `end` must be readable and NUL
 // (as std::string guarantees): numbers go to strtod, which stops there.
 struct JParser {
+  // Arrays and objects nest at most this deep: the reader recurses, and a
+  // member an author ships must not be able to exhaust the stack.
+  static constexpr int32_t kMaxDepth = 256;
+
   const char* p;
   const char* end;
+  int32_t depth = 0;
 
   explicit JParser(const std::string& text) : p(text.c_str()), end(text.c_str() + text.size()) {}
 

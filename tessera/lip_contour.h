@@ -16,6 +16,8 @@
 
 namespace le::tessera {
 
+class UnifiedPi;
+
 class LipContour {
  public:
   static constexpr int32_t kMaxAnchors = 8;  // the polygon step holds its anchors in arrays of 8
@@ -55,6 +57,19 @@ class LipContour {
   // Clears an S*S float canvas and writes this frame's contour into it.
   void contourF32Canvas(const float* kp, float* out);
 
+  // The delivered mask: pi cut down by this frame's contour, S*S bytes. The
+  // pi must be on this contour's canvas.
+  void deliveredU8(const float* kp, const UnifiedPi& pi, uint8_t* out);
+  // Cuts an 8-bit pi down to the delivered mask inside `box`; pixels of the
+  // box outside the contour's box are cleared. Returns whether any pixel
+  // stayed above 0.
+  bool shrinkU8InPlace(const float* kp, const Box& box, uint8_t* mask);
+  // pi.piU8AndShift, then shrinkU8InPlace over pi's support box: the shift
+  // comes from pi's centroid, never from the delivered mask. True only if
+  // both found something.
+  bool deliveredU8AndShift(const float* kp, const UnifiedPi& pi, const double* cCanon, uint8_t* out, int32_t& dy,
+                           int32_t& dx);
+
   // The model, set by the constructor and attachMap.
   int32_t canvas = 0;            // S, the compose canvas
   float feather = 0.0f;          // feather width in pixels
@@ -81,6 +96,7 @@ class LipContour {
   std::vector<int64_t> vx_, vy_;  // rounded vertices, box-relative
   std::vector<Edge> edges_;
   std::vector<int64_t> cross_;  // one row's edge crossings
+  std::vector<float> canvas_;   // S*S contour for the delivered mask; written only inside a box
 };
 
 }  // namespace le::tessera

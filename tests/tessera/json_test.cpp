@@ -102,6 +102,16 @@ TEST(JsonErrors, ParserFailuresWordForWord) {
   EXPECT_EQ(parseError("{\"a\": 1"), "teeth: malformed JSON object");
 }
 
+TEST(JsonErrors, NestingIsBoundedAndNotTheStack) {
+  const std::string deep = std::string(256, '[') + std::string(256, ']');
+  EXPECT_EQ(parse(deep).arr.size(), 1u);
+  EXPECT_EQ(parseError(std::string(257, '[') + std::string(257, ']')), "teeth: JSON nests deeper than 256 levels");
+  EXPECT_EQ(parseError(std::string(1000000, '[')), "teeth: JSON nests deeper than 256 levels");
+  std::string objects;
+  for (int i = 0; i < 300; ++i) objects += "{\"a\": ";
+  EXPECT_EQ(parseError(objects), "teeth: JSON nests deeper than 256 levels");
+}
+
 TEST(JsonHelpers, ParseJsonNamesTheMember) {
   try {
     parseJson("[1,]", "tessera_head.v1.json");

@@ -32,6 +32,7 @@ import audio_graphs
 import graphs
 import ops_graphs
 import render_graphs
+import teeth_data
 
 
 def write_manifest_cases(root):
@@ -137,6 +138,7 @@ def main():
     ops_graphs.write_cases(os.path.join(out, "ops"))
     render_graphs.write_cases(os.path.join(out, "render"), sample)
     audio_graphs.write_cases(os.path.join(out, "audio"), sample)
+    teeth_data.write_cases(os.path.join(out, "teeth"))
     fuzz_seeds.write_cases(os.path.join(out, "fuzz"), out)
 
 
