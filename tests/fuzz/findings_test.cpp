@@ -9,6 +9,8 @@
 
 #include "audio/a2x_meta.h"
 #include "bundle/manifest.h"
+#include "director/rewrites/compose_v2_splice.h"
+#include "director/rewrites/head_cubic.h"
 #include "tessera/box.h"
 #include "tessera/lip_contour.h"
 #include "tests/support/test_support.h"
@@ -95,6 +97,39 @@ TEST(FuzzFindings, FarLipVerticesCostTheBoxAndPaintWhatTheWholeWalkPaints) {
   for (int i = 0; i < 4; ++i) kp[(17 + i) * 3] = 0.1f * static_cast<float>(i);
   t.contourF32Canvas(kp.data(), canvas.data());
   EXPECT_EQ(t.nv, 400);
+}
+
+// The head cubic rewrite took the channel count from the Conv weight's dims
+// alone: a 23 KB graph whose weight declared a million input channels (its
+// 432 bytes unchanged) made it write 400 MiB of depthwise weight, three
+// times over on the way. A weight must store what its channels need.
+TEST(FuzzFindings, HeadCubicChannelsMustBeStoredInTheWeight) {
+  const std::string file = le::test::readFile(le::test::dataPath("fuzz/head_cubic/weight_short_of_channels.onnx"));
+  le::GsBytes bytes(file.begin(), file.end());
+  const le::GsBytes before = bytes;
+  std::string reason;
+  EXPECT_EQ(le::rewriteHeadCubicResize(bytes, &reason), 0u);
+  EXPECT_EQ(reason, "the Conv after the Resize reads 1048576 channels and its weight stores 432 bytes");
+  EXPECT_EQ(bytes, before);
+}
+
+// The compose v2 splice copied a member node once per placeholder naming
+// it: a structure repeating one placeholder made the graph that many copies
+// larger (and invalid: a node's outputs are produced once).
+TEST(FuzzFindings, SpliceTakesEachMemberNodeOnce) {
+  // The harness's input: flags | member length (u32) | member | structure.
+  const std::string input = le::test::readFile(le::test::dataPath("fuzz/compose_v2_splice/placeholder_twice.0.bin"));
+  ASSERT_GT(input.size(), 5u);
+  const size_t memberSize = static_cast<uint8_t>(input[1]) | static_cast<uint8_t>(input[2]) << 8 |
+                            static_cast<uint8_t>(input[3]) << 16 | static_cast<size_t>(static_cast<uint8_t>(input[4])) << 24;
+  ASSERT_LE(memberSize, input.size() - 5);
+  le::GsBytes model(input.begin() + 5, input.begin() + 5 + static_cast<ptrdiff_t>(memberSize));
+  const le::GsBytes structure(input.begin() + 5 + static_cast<ptrdiff_t>(memberSize), input.end());
+  const le::GsBytes before = model;
+  std::string err;
+  EXPECT_FALSE(le::spliceComposeV2(model, structure, err, "", nullptr, nullptr, ""));
+  EXPECT_EQ(err, "compose v2 splice: placeholder 0 names member node 0 a second time");
+  EXPECT_EQ(model, before);
 }
 
 }  // namespace
