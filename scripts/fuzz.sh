@@ -44,6 +44,7 @@ build=build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_FUZZ=ON >/dev/null
 cmake --build "$build" -j"$(nproc)"
 /usr/bin/python3 tools/gen/gen_bundles.py "$build/data" >/dev/null
+/usr/bin/python3 tools/gen/fuzz_seeds.py "$build/data"
 
 harnesses=("$@")
 if [ ${#harnesses[@]} -eq 0 ]; then
@@ -61,7 +62,8 @@ for h in "${harnesses[@]}"; do
   mkdir -p "$corpus" "$findings" "${log%/*}"
   case "$h" in
     wire | gridsample_fast | blend_gemm | head_cubic | compose_v2_splice) d=onnx ;;
-    teeth_json | lip_template | compose_v2_structure) d=json ;;
+    teeth_json | lip_template | compose_v2_structure | teeth_members | serve_config | unified_pi) d=json ;;
+    head_pt | head_pickle) d=pickle ;;
     *) d=$h ;;
   esac
   dict=()

@@ -1,8 +1,11 @@
+#!/usr/bin/python3
 """Seed corpora of the fuzz harnesses (tests/fuzz), one folder per harness,
-gathered from the test data the other builders have written and completed
-with a few inputs of their own. Run last, over the generated tree.
+gathered from the test data that gen_bundles.py has written and completed
+with a few inputs of their own.
 
-Layout under OUT_DIR/fuzz:
+Usage: fuzz_seeds.py DATA_DIR   (after gen_bundles.py DATA_DIR)
+
+Layout under DATA_DIR/fuzz:
   manifest/              manifest.json texts
   imx/                   small IMX containers, valid and broken
   wire/                  ONNX graphs of every kind the tests use
@@ -22,6 +25,7 @@ import glob
 import os
 import shutil
 import struct
+import sys
 import zipfile
 
 import imx
@@ -156,3 +160,17 @@ def write_cases(out, data):
             pass  # a broken container: its pickle is reached through head_pt
     _copy(os.path.join(out, "serve_config"), g("teeth/config/*.json") + g("teeth/config/refuse/*.json"), data)
     _copy(os.path.join(out, "unified_pi"), g("teeth/pi/*.json") + g("teeth/bundle/manifest.json"), data)
+
+
+def main():
+    if len(sys.argv) != 2:
+        sys.exit("usage: fuzz_seeds.py DATA_DIR")
+    data = sys.argv[1]
+    out = os.path.join(data, "fuzz")
+    if os.path.isdir(out):
+        shutil.rmtree(out)
+    write_cases(out, data)
+
+
+if __name__ == "__main__":
+    main()

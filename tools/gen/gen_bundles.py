@@ -12,7 +12,6 @@ Layout of OUT_DIR:
   containers/*.imx     IMX containers: valid ones and one broken variant each
   audio/               speech encoders, clips and streaming-model bundles
                        (audio_graphs.py)
-  fuzz/<harness>/      seed corpora of the fuzz harnesses (fuzz_seeds.py)
 
 Later data (tensors, driver frames, graphs, audio, teeth) joins as new
 builders beside these; each writes only under its own folder.
@@ -27,7 +26,6 @@ from bundle_data import Bundle, sample_bundle, manifest_text
 import imx
 import lip_data
 import frames_data
-import fuzz_seeds
 import audio_graphs
 import graphs
 import ops_graphs
@@ -139,7 +137,6 @@ def main():
     render_graphs.write_cases(os.path.join(out, "render"), sample)
     audio_graphs.write_cases(os.path.join(out, "audio"), sample)
     teeth_data.write_cases(os.path.join(out, "teeth"))
-    fuzz_seeds.write_cases(os.path.join(out, "fuzz"), out)
 
 
 if __name__ == "__main__":
