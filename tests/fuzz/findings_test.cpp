@@ -13,6 +13,7 @@
 #include "director/rewrites/head_cubic.h"
 #include "tessera/box.h"
 #include "tessera/lip_contour.h"
+#include "tessera/unified_pi.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -130,6 +131,40 @@ TEST(FuzzFindings, SpliceTakesEachMemberNodeOnce) {
   EXPECT_FALSE(le::spliceComposeV2(model, structure, err, "", nullptr, nullptr, ""));
   EXPECT_EQ(err, "compose v2 splice: placeholder 0 names member node 0 a second time");
   EXPECT_EQ(model, before);
+}
+
+// A negative unified.pi.prop_gate_scale draws the gate ellipse of its
+// magnitude, but the support box was taken from the signed radii and came
+// out empty: the per-frame pi (piU8Boxed) lost the gate that the plain pi
+// kept. The box now holds the ellipse the mask draws.
+TEST(FuzzFindings, PiSupportBoxHoldsTheGateOfANegativeScale) {
+  std::vector<float> kp(63, 0.0f);
+  const float lips[4][2] = {{-0.2f, 0.3f}, {0.2f, 0.3f}, {0.0f, 0.22f}, {0.0f, 0.4f}};
+  for (int i = 0; i < 4; ++i) {
+    kp[(17 + i) * 3] = lips[i][0];
+    kp[(17 + i) * 3 + 1] = lips[i][1];
+  }
+  for (const char* scale : {"-5.85", "-1e300", "5.85"}) {
+    const le::tessera::UnifiedPi pi = le::tessera::UnifiedPi::fromManifestJson(
+        std::string(R"({"unified": {"pi": {"mode": "prop", "prop_gate_scale": )") + scale +
+            R"(, "lip_idx": [17, 18, 19, 20], "lip_geom_params": [0.12, 0.08, 0.05]}}})",
+        32);
+    std::vector<uint8_t> whole(32 * 32), boxed(32 * 32);
+    pi.piU8(kp.data(), whole.data());
+    pi.piU8Boxed(kp.data(), boxed.data());
+    EXPECT_EQ(whole, boxed) << "prop_gate_scale " << scale;
+  }
+  // The scale's sign doesn't change the mask.
+  const auto mask = [&](const char* scale) {
+    const le::tessera::UnifiedPi pi = le::tessera::UnifiedPi::fromManifestJson(
+        std::string(R"({"unified": {"pi": {"mode": "prop", "prop_gate_scale": )") + scale +
+            R"(, "lip_idx": [17, 18, 19, 20], "lip_geom_params": [0.12, 0.08, 0.05]}}})",
+        32);
+    std::vector<uint8_t> out(32 * 32);
+    pi.piU8Boxed(kp.data(), out.data());
+    return out;
+  };
+  EXPECT_EQ(mask("-5.85"), mask("5.85"));
 }
 
 }  // namespace
