@@ -61,16 +61,13 @@ std::unique_ptr<le_a2x> createA2x(const char* bundle, int threads) {
     meta.clear();
   }
   if (meta.empty()) throw std::runtime_error("a2x_meta.json missing in " + a->bundleDir);
-  a->h = a2xMetaInt(meta, "h", 256);
-  a->window = a2xMetaInt(meta, "window", -1);
-  a->left = a2xMetaInt(meta, "left", -1);
-  if (a->window < 0 || a->left < 0) throw std::runtime_error("meta lacks causal window/left (not a streaming a2x)");
-  a->layers = a2xMetaInt(meta, "layers", 6);
-  if (a->h < 1 || a->layers < 0)
-    throw std::runtime_error("a2x_meta.json declares h=" + std::to_string(a->h) + " and layers=" +
-                             std::to_string(a->layers) + "; the encoder needs a width of 1 or more and 0 or more layers");
-  a->windowLayers = a->window * a->layers;
-  a->leftLayers = a->left * a->layers;
+  const A2xMeta keys = readA2xMeta(meta);
+  a->h = keys.h;
+  a->window = keys.window;
+  a->left = keys.left;
+  a->layers = keys.layers;
+  a->windowLayers = keys.windowLayers;
+  a->leftLayers = keys.leftLayers;
 
   const char* right = std::getenv("LE_A2X_W2V_RIGHT");
   a->R = right ? std::max(std::atoi(right), 0) : 12;
@@ -113,7 +110,7 @@ std::unique_ptr<le_a2x> createA2x(const char* bundle, int threads) {
     a->encOut1 = outputName(a->enc, 1);
     a->widthFlag = true;
   }
-  const bool metaWidth = a2xMetaBool(meta, "width", false);
+  const bool metaWidth = keys.width;
   if (metaWidth != a->widthFlag)
     std::fprintf(stderr,
                  "[le_a2x] WARNING: a2x_meta width=%d but the encoder declares %zu output(s) — serving the GRAPH "
@@ -125,7 +122,7 @@ std::unique_ptr<le_a2x> createA2x(const char* bundle, int threads) {
   requireNames(a->dec, "a2x_dec.onnx", {"ctx_t", "prev", "h"});
   a->bindDecoder();
 
-  int prime = a2xMetaInt(meta, "silence_prime", 0);
+  int prime = keys.silencePrime;
   if (const char* p = std::getenv("LE_A2X_SILENCE_PRIME")) prime = std::atoi(p);
   if (prime >= 1) {
     try {

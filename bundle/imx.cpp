@@ -125,8 +125,7 @@ struct PartGuard {
   }
 };
 
-void materialise(FILE* in, const std::string& path, const Member& m, const std::string& outDir,
-                 std::vector<char>& buffer) {
+void materialise(FILE* in, const std::string& path, const Member& m, const std::string& outDir, char* buffer) {
   const std::string target = outDir + "/" + m.name;
   const std::string parent = dirName(target);
   if (!makeDirs(parent)) refuse("cannot create " + parent);
@@ -135,9 +134,9 @@ void materialise(FILE* in, const std::string& path, const Member& m, const std::
   File out = openFile(part.path, "wb");
   if (!out) refuse("cannot write " + part.path);
   for (uint64_t left = m.size; left > 0;) {
-    const size_t chunk = static_cast<size_t>(std::min<uint64_t>(left, buffer.size()));
-    if (std::fread(buffer.data(), 1, chunk, in) != chunk) refuse(path + ": truncated payload for member " + m.name);
-    if (std::fwrite(buffer.data(), 1, chunk, out.get()) != chunk) refuse("short write materialising " + target);
+    const size_t chunk = static_cast<size_t>(std::min<uint64_t>(left, kCopyBuffer));
+    if (std::fread(buffer, 1, chunk, in) != chunk) refuse(path + ": truncated payload for member " + m.name);
+    if (std::fwrite(buffer, 1, chunk, out.get()) != chunk) refuse("short write materialising " + target);
     left -= chunk;
   }
   const bool flushed = std::fflush(out.get()) == 0;
@@ -181,11 +180,13 @@ std::string unwrapOnce(const std::string& path) {
   File in = openFile(path, "rb");
   if (!in) refuse("cannot open container " + path);
   const std::vector<Member> table = readTable(in.get(), path);
-  std::vector<char> buffer(kCopyBuffer);
+  // Left uncleared: a payload is read into it before it is written out, and
+  // a small bundle then touches only the pages that it fills.
+  const std::unique_ptr<char[]> buffer(new char[kCopyBuffer]);
   for (const Member& m : table) {
     if (!safeName(m.name)) refuse(path + ": refusing unsafe member name '" + m.name + "'");
     if (isSyntheticManifest(in.get(), m)) continue;
-    materialise(in.get(), path, m, outDir, buffer);
+    materialise(in.get(), path, m, outDir, buffer.get());
   }
   in.reset();
   // The marker goes last, so a crash or a refusal leaves none and the next

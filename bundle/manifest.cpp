@@ -138,6 +138,10 @@ void selectOutput(Manifest& m, const std::string& text, int32_t height) {
   if (!isWholeEven(width) || !isWholeEven(outH) || width < 1 || std::fmin(width, outH) != height)
     refuse(label + fmt(" declares %fx%f", width, outH) +
            " — it must be an even WxH whose short side is the key it is published under");
+  // The short side is the asked height; the long one still has to be a size
+  // the canvas fields hold.
+  if (std::fmax(width, outH) > std::numeric_limits<int32_t>::max())
+    refuse(label + fmt(" declares %fx%f", width, outH) + " — a side that no 32-bit integer holds cannot be served");
   // Whole numbers in this range multiply exactly in long double.
   if (static_cast<long double>(m.H) * width != static_cast<long double>(m.W) * outH)
     refuse(label + fmt(" is %.0fx%.0f, not the native %dx%d canvas's aspect", width, outH, m.W, m.H) +

@@ -15,6 +15,8 @@ bool startsWith(const char* p, const char* end, const char* word) {
 
 }  // namespace
 
+JVal::JVal() = default;
+
 const JVal* JVal::find(const std::string& key) const {
   for (const auto& member : obj) {
     if (member.first == key) return &member.second;

@@ -24,6 +24,10 @@ struct JVal {
   std::vector<JVal> arr;
   std::vector<std::pair<std::string, JVal>> obj;  // document order, duplicates kept
 
+  // Defined where JVal is complete: clang with libstdc++ would otherwise ask
+  // whether the member pair is default-constructible while JVal isn't yet.
+  JVal();
+
   // The first member named `key` (exact, case-sensitive); throws
   // "teeth: member JSON lacks key '<key>'" when there is none.
   const JVal& req(const std::string& key) const;

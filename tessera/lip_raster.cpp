@@ -55,7 +55,37 @@ void LipContour::fillScanline(const double* poly, const Box& bx, uint8_t* mask) 
     const int64_t minor = std::min(adx, ady);
     const bool yMajor = ady > adx;
     int64_t err = major - 2 * minor;
-    for (int64_t k = 0; k <= major; ++k) {
+    // Only the steps whose major coordinate lies in the box can paint, and a
+    // vertex may lie a million pixels out: the walk starts at the first such
+    // step and ends after the last, so that an edge costs the box, not its
+    // length. After k steps the minor axis has moved
+    // n = ceil((2 minor k - err - 2 minor) / (2 major)) times, since err
+    // stays in [-2 minor, 2 major - 2 minor); the skipped steps paint nothing.
+    int64_t first = 0, last = major;
+    if (!yMajor) {
+      first = std::max(first, -x);
+      last = std::min(last, w - 1 - x);
+    } else if (ystep > 0) {
+      first = std::max(first, -y);
+      last = std::min(last, h - 1 - y);
+    } else {
+      first = std::max(first, y - (h - 1));
+      last = std::min(last, y);
+    }
+    if (first > 0 && first <= last) {
+      const int64_t num = 2 * minor * first - err - 2 * minor;
+      const int64_t den = 2 * major;
+      const int64_t moves = num >= 0 ? (num + den - 1) / den : -(-num / den);
+      err += 2 * major * moves - 2 * minor * first;
+      if (yMajor) {
+        y += ystep * first;
+        x += moves;
+      } else {
+        x += first;
+        y += ystep * moves;
+      }
+    }
+    for (int64_t k = first; k <= last; ++k) {
       if (x >= 0 && x < w && y >= 0 && y < h) mask[y * w + x] = 255;
       const bool neg = err < 0;
       err -= 2 * minor;

@@ -142,11 +142,15 @@ Box UnifiedPi::ellBox(const EllParams& e) const {
   auto upper = [&](double c, double r, int32_t lo) {
     return std::max(edge(std::min(std::ceil(h * ((c + r) + 1.0)) + 2.0, static_cast<double>(s)), s), lo);
   };
+  // The ellipse reaches |r| either way: a negative prop_gate_scale turns
+  // both gate radii negative, and the mask, which sees only their squares
+  // and their product, draws the ellipse of their magnitudes.
+  const double rx = std::fabs(static_cast<double>(e.rx)), ry = std::fabs(static_cast<double>(e.ry));
   Box b;
-  b.x0 = lower(e.cx, e.rx);
-  b.y0 = lower(e.cy, e.ry);
-  b.x1 = upper(e.cx, e.rx, b.x0);
-  b.y1 = upper(e.cy, e.ry, b.y0);
+  b.x0 = lower(e.cx, rx);
+  b.y0 = lower(e.cy, ry);
+  b.x1 = upper(e.cx, rx, b.x0);
+  b.y1 = upper(e.cy, ry, b.y0);
   return b;
 }
 

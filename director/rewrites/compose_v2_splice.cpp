@@ -75,6 +75,7 @@ bool splice(GsBytes& model, const GsBytes& structure, std::string& err, const st
 
   // The structure's graph, placeholders resolved.
   StructureWalk w;
+  std::vector<bool> used(mNodes.size(), false);
   bool hasInit = false, hasAbove5 = false;
   size_t afterLastInit = 0, firstAbove5 = 0;
   {
@@ -96,6 +97,13 @@ bool splice(GsBytes& model, const GsBytes& structure, std::string& err, const st
             node.outputs != mNodes[static_cast<size_t>(node.k)].outputs)
           return fail("compose v2 splice: placeholder " + std::to_string(node.k) + " does not name member node " +
                       std::to_string(node.k));
+        // A node's outputs are produced once: a member node spliced twice
+        // would only make the graph invalid, at the cost of a copy of it
+        // per placeholder.
+        if (used[static_cast<size_t>(node.k)])
+          return fail("compose v2 splice: placeholder " + std::to_string(node.k) + " names member node " +
+                      std::to_string(node.k) + " a second time");
+        used[static_cast<size_t>(node.k)] = true;
         const GsNodeInfo& member = mNodes[static_cast<size_t>(node.k)];
         w.nodes.push_back(member.raw);
         addAll(w.reads, member.inputs);

@@ -153,6 +153,19 @@ std::vector<int64_t> hcTensorDims(GsSlice tensor) {
   return dims;
 }
 
+uint64_t hcTensorDataBytes(GsSlice tensor) {
+  uint64_t bytes = 0;
+  GsReader r(tensor);
+  GsField f;
+  while (r.next(f)) {
+    // float_data, int32_data, string_data, int64_data, raw_data, double_data,
+    // uint64_data; an unpacked varint counts its one byte at least.
+    if (f.number < 4 || f.number > 11 || f.number == 8) continue;
+    bytes += f.wire == kGsVarint ? 1 : f.payload.size;
+  }
+  return bytes;
+}
+
 size_t rewriteHeadCubicResize(GsBytes& bytes, std::string* reason) {
   auto refuse = [&](const std::string& why) {
     if (reason) *reason = why;
@@ -225,6 +238,14 @@ size_t rewriteHeadCubicResize(GsBytes& bytes, std::string* reason) {
       wDims[1] * group > kMaxChannels)
     return refuse("the Conv after the Resize implies a channel count outside 1..1048576");
   const int64_t channels = wDims[1] * group;
+  // A Conv over C channels has a weight of at least C values (its output
+  // count is a multiple of group), and no data type stores a value in less
+  // than half a byte. A weight that stores fewer names channels it doesn't
+  // have, and the depthwise weight written for them costs 400 bytes each.
+  const uint64_t stored = hcTensorDataBytes(weight->second);
+  if (static_cast<uint64_t>(channels) > 2 * stored)
+    return refuse("the Conv after the Resize reads " + std::to_string(channels) + " channels and its weight stores " +
+                  std::to_string(stored) + " bytes");
 
   // A per-channel constant [k,1,1] up to 4 producers back must agree.
   std::string walk = resize.inputs[0];

@@ -30,6 +30,10 @@ bool hcTensorFloats(GsSlice tensor, std::vector<float>& out);
 // A TensorProto's dims, unpacked or packed.
 std::vector<int64_t> hcTensorDims(GsSlice tensor);
 
+// The bytes of data a TensorProto stores itself, in raw_data or in its typed
+// fields (a value held outside the file counts nothing).
+uint64_t hcTensorDataBytes(GsSlice tensor);
+
 // Rewrites the graph's one cubic x2 half-pixel Resize feeding a Conv. Returns
 // 1, or 0 with bytes untouched and the cause in reason if given.
 size_t rewriteHeadCubicResize(GsBytes& bytes, std::string* reason = nullptr);
