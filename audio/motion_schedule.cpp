@@ -240,8 +240,9 @@ void le_motion::eagerChunks(int F) {
   if (chunkAt * kChunkStep < F) {
     savedRows = resRows;
     const int tail = std::min(resRows, kOverlap);
-    std::memcpy(savedTail.data(), rowOf(res, resRows - tail, kMotionDim),
-                static_cast<size_t>(tail) * kMotionDim * sizeof(float));
+    if (tail > 0)  // before the first chunk there is nothing to keep (and no buffer yet)
+      std::memcpy(savedTail.data(), rowOf(res, resRows - tail, kMotionDim),
+                  static_cast<size_t>(tail) * kMotionDim * sizeof(float));
     provisionalRes = true;
     std::array<float, kMotionDim> state = kpState;
     for (int s = chunkAt * kChunkStep; s < F; s += kChunkStep) runChunk(s, F, state);

@@ -440,7 +440,8 @@ TEST(MotionSchedule, ChunksCrossfadeAndSmoothAsDefined) {
 }
 
 TEST(MotionSchedule, ShortUtterancesAndTotalsAtFinish) {
-  const std::vector<float> pcm = clipFloats("speech_3s.wav");
+  // Long enough for the largest cut below (51,201 samples).
+  const std::vector<float> pcm = clipFloats("speech_10s.wav");
   MotionHandle h(speakingBundle());
   le_motion* m = h.m;
   for (const size_t n : {size_t{0}, size_t{1}, size_t{640}, size_t{641}, size_t{1000}, size_t{3199}, size_t{51200},
