@@ -8,6 +8,9 @@
 #
 #   scripts/fuzz.sh [SECONDS] [HARNESS...]
 #
+# FUZZ_JOBS=N runs N harnesses at a time; build-fuzz/logs/history keeps a
+# line per harness run, so executions over several runs can be added up.
+#
 # Ends with a table per harness: executions, coverage (libFuzzer's cov and
 # ft) and the findings of this run.
 set -euo pipefail
@@ -53,38 +56,62 @@ fi
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-failed=0
-summary=""
-for h in "${harnesses[@]}"; do
-  corpus="$build/corpus/$h"
-  findings="$build/findings/$h"
-  log="$build/logs/$h.log"
+
+# One harness for the given time; its summary line goes to logs/<h>.summary
+# and, with the date, to logs/history (runs add up over a corpus that stays).
+fuzz_one() {
+  local h=$1 corpus="$build/corpus/$1" findings="$build/findings/$1" log="$build/logs/$1.log" d
   mkdir -p "$corpus" "$findings" "${log%/*}"
   case "$h" in
-    wire | gridsample_fast | blend_gemm | head_cubic | compose_v2_splice) d=onnx ;;
+    wire | gridsample_fast | blend_gemm | head_cubic | compose_v2_splice | source_cone | warp_block | warp_fuse | conv_model)
+      d=onnx ;;
     teeth_json | lip_template | compose_v2_structure | teeth_members | serve_config | unified_pi) d=json ;;
     head_pt | head_pickle) d=pickle ;;
     *) d=$h ;;
   esac
-  dict=()
+  local dict=()
   [ -f "tests/fuzz/dict/$d.dict" ] && dict=(-dict="tests/fuzz/dict/$d.dict")
-  stamp="$build/logs/$h.start"
+  local stamp="$build/logs/$h.start"
   touch "$stamp"
   echo "fuzz: $h for ${seconds}s"
   # The readers' own diagnostics stay out of the log (-close_fd_mask=2);
   # libFuzzer's lines and sanitizer reports still reach it.
-  rc=0
+  local rc=0
   "$build/tests/fuzz/fuzz_$h" -max_total_time="$seconds" -print_final_stats=1 -close_fd_mask=2 \
     -rss_limit_mb=2048 -malloc_limit_mb=256 -timeout=10 -artifact_prefix="$findings/" "${dict[@]}" \
     "$corpus" "$build/data/fuzz/$h" >"$log" 2>&1 || rc=$?
-  execs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | tail -1 | grep -o '[0-9]*$' || echo 0)
+  local execs cov found line
+  execs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | tail -1 | grep -o '[0-9]*$' || true)
+  # A run cut short prints no final stats: its last status line counts.
+  [ -n "$execs" ] || execs=$(grep -oE '^#[0-9]+' "$log" | tail -1 | tr -d '#' || true)
   cov=$(grep -oE 'cov: [0-9]+ ft: [0-9]+' "$log" | tail -1 || true)
   found=$(find "$findings" -type f -newer "$stamp" | wc -l)
-  summary+=$(printf '%-22s %12s execs  %-22s %s finding(s)' "$h" "$execs" "$cov" "$found")$'\n'
+  line=$(printf '%-22s %12s execs  %-22s %s finding(s)' "$h" "${execs:-0}" "$cov" "$found")
+  echo "$line" >"$build/logs/$h.summary"
+  echo "$(date -u +%FT%TZ) ${seconds}s $line" >>"$build/logs/history"
   if [ "$rc" != 0 ] || [ "$found" != 0 ]; then
-    failed=1
     echo "fuzz: $h FAILED (exit $rc); see $log and $findings"
+    return 1
   fi
+}
+
+# FUZZ_JOBS harnesses at a time (default 1: each harness gets the machine).
+jobs=${FUZZ_JOBS:-1}
+failed=0
+running=0
+for h in "${harnesses[@]}"; do
+  rm -f "$build/logs/$h.summary"
+  if [ "$running" -ge "$jobs" ]; then
+    wait -n || failed=1
+    running=$((running - 1))
+  fi
+  fuzz_one "$h" &
+  running=$((running + 1))
 done
-printf '\n%s' "$summary"
+while [ "$running" -gt 0 ]; do
+  wait -n || failed=1
+  running=$((running - 1))
+done
+echo
+for h in "${harnesses[@]}"; do cat "$build/logs/$h.summary" 2>/dev/null || echo "$h: no summary"; done
 exit $failed

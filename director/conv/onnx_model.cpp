@@ -87,6 +87,18 @@ RawTensor readTensor(GsSlice body, bool withData) {
   return t;
 }
 
+// The number of elements dims ask for; UINT64_MAX when that passes what a
+// 64-bit count holds (and so any file). A negative dimension counts as 0.
+uint64_t elementCount(const std::vector<int64_t>& dims) {
+  uint64_t count = 1;
+  bool over = false;
+  for (const int64_t d : dims) {
+    if (d <= 0) return 0;
+    over = over || __builtin_mul_overflow(count, static_cast<uint64_t>(d), &count);
+  }
+  return over ? UINT64_MAX : count;
+}
+
 template <class Visit>
 void forEachGraphField(GsSlice model, Visit&& visit) {
   GsReader r(gsGraphOf(model));
@@ -153,14 +165,16 @@ OnnxModel readOnnxModel(GsSlice model) {
     if (f.number != kGraphInitializer) return;
     RawTensor t = readTensor(f.payload, true);
     if (t.dataType != kFloat) throw std::runtime_error("onnx: non-fp32 initializer " + t.name);
-    uint64_t count = 1;
-    for (const int64_t d : t.dims) count *= static_cast<uint64_t>(d < 0 ? 0 : d);
+    const uint64_t count = elementCount(t.dims);
     OnnxInitializer init;
     init.name = t.name;
     init.dims = t.dims;
     init.dataType = t.dataType;
     if (t.hasRaw) {
-      if (t.raw.size != count * 4) throw std::runtime_error("onnx: raw size mismatch " + t.name);
+      // Compared as a count first: count * 4 wraps for dimensions that no
+      // file holds, and would then ask for their memory.
+      if (count > t.raw.size / 4 || t.raw.size != count * 4)
+        throw std::runtime_error("onnx: raw size mismatch " + t.name);
       init.data.resize(static_cast<size_t>(count));
       if (count) std::memcpy(init.data.data(), t.raw.data, t.raw.size);
     } else {
@@ -169,7 +183,7 @@ OnnxModel readOnnxModel(GsSlice model) {
           float v;
           std::memcpy(&v, ff.payload.data, 4);
           init.data.push_back(v);
-        } else if (ff.wire == kGsLength && ff.payload.size % 4 == 0) {
+        } else if (ff.wire == kGsLength && ff.payload.size % 4 == 0 && ff.payload.size > 0) {
           const size_t n = ff.payload.size / 4;
           const size_t at = init.data.size();
           init.data.resize(at + n);

@@ -1,5 +1,6 @@
 #include "director/rewrites/warp_fuse.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -322,7 +323,10 @@ size_t rewriteWarpFuse(GsBytes& bytes, bool verify, WarpFuseCensus* census, std:
   bytes = gsModelWithGraph(gsSliceOf(bytes), out);
   if (census) *census = c;
   why.clear();
-  return c.nodes + static_cast<size_t>(c.subs);
+  // Under verify the grid fusion removes no node, so a graph where only it
+  // happened counts no node and no Sub; it was rewritten all the same, and
+  // 0 would tell the load that it was not.
+  return std::max<size_t>(c.nodes + static_cast<size_t>(c.subs), 1);
 }
 
 }  // namespace le

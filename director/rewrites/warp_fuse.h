@@ -36,8 +36,9 @@ struct FzConsts {
 bool fzAttrInts(const GsNodeInfo& node, const char* name, std::vector<int64_t>& out);
 
 // verify keeps the grid's three nodes computing ONNX Runtime's own grid
-// beside the node's. Returns nodes removed plus Subs rewritten; 0 leaves
-// bytes untouched, with why. census may be null.
+// beside the node's. Returns nodes removed plus Subs rewritten, at least 1
+// when anything was fused (under verify the grid alone removes nothing); 0
+// leaves bytes untouched, with why. census may be null.
 size_t rewriteWarpFuse(GsBytes& bytes, bool verify, WarpFuseCensus* census, std::string& why);
 
 }  // namespace le

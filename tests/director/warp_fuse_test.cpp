@@ -96,6 +96,26 @@ TEST(WarpFuse, VerifyKeepsOrtsGridBesideTheNodes) {
   }
 }
 
+// With the exit and the Subs refused, the grid is all that verify fuses and
+// no node goes; the graph is still rewritten, and the count says so.
+TEST(WarpFuse, VerifyFusingOnlyTheGridCountsTheRewrite) {
+  const GsBytes original = warpNodeGraph("grid_alone");
+  for (const bool verify : {false, true}) {
+    SCOPED_TRACE(verify);
+    GsBytes bytes = original;
+    le::WarpFuseCensus census;
+    std::string why;
+    EXPECT_EQ(le::rewriteWarpFuse(bytes, verify, &census, why), verify ? 1u : 3u) << why;
+    EXPECT_EQ(census.grid, 1);
+    EXPECT_EQ(census.exit, 0);
+    EXPECT_EQ(census.subs, 0);
+    EXPECT_EQ(census.nodes, verify ? 0u : 3u);
+    const std::vector<le::GsNodeInfo> nodes = nodesOf(bytes);
+    ASSERT_NE(findOp(nodes, "WarpDirectorFused"), nullptr);
+    EXPECT_EQ(findOp(nodes, "WarpDirector"), nullptr);
+  }
+}
+
 struct FuseCase {
   std::string file;
   size_t count;

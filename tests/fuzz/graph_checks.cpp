@@ -1,5 +1,7 @@
 #include "tests/fuzz/graph_checks.h"
 
+#include <utility>
+
 #include "tests/fuzz/fuzz_support.h"
 
 namespace le::fuzz {
@@ -32,7 +34,8 @@ size_t countNodes(const GsBytes& model, const std::function<bool(const GsNodeInf
   return n;
 }
 
-size_t checkRewrite(const uint8_t* data, size_t size, const Rewrite& rewrite, long nodesAdded) {
+size_t checkRewrite(const uint8_t* data, size_t size, const Rewrite& rewrite,
+                    const std::function<long(size_t)>& nodesAdded, GsBytes* out) {
   const GsBytes input(data, data + size);
   GsBytes bytes = input;
   std::string reason;
@@ -53,11 +56,13 @@ size_t checkRewrite(const uint8_t* data, size_t size, const Rewrite& rewrite, lo
   // made of that input's fields and well-formed new ones, reads whole too.
   auto all = [](const GsNodeInfo&) { return true; };
   walkMessage(gsSliceOf(bytes));
-  FUZZ_CHECK(static_cast<long>(countNodes(bytes, all)) == static_cast<long>(countNodes(input, all)) + nodesAdded);
+  FUZZ_CHECK(static_cast<long>(countNodes(bytes, all)) ==
+             static_cast<long>(countNodes(input, all)) + nodesAdded(count));
   GsBytes again = bytes;
   std::string why;
   FUZZ_CHECK(rewrite(again, &why) == 0);
   FUZZ_CHECK(again == bytes);
+  if (out) *out = std::move(bytes);
   return count;
 }
 

@@ -23,11 +23,15 @@ size_t countNodes(const GsBytes& model, const std::function<bool(const GsNodeInf
 
 // Runs a load-time rewrite on a copy of the input. It must leave the bytes
 // untouched, with a reason, when it returns 0 or meets a wire error. When it
-// rewrites n nodes the result must read back whole, carry exactly
-// `nodesAdded` more nodes than before (0 for a rewrite in place), and give
+// returns n > 0 the result must read back whole, carry exactly
+// nodesAdded(n) more nodes than before (0 for a rewrite in place), and give
 // nothing more to do on a second run. Returns what the rewrite returned, 0
-// after a wire error.
+// after a wire error; out (if not null) gets the rewritten bytes.
 using Rewrite = std::function<size_t(GsBytes&, std::string*)>;
-size_t checkRewrite(const uint8_t* data, size_t size, const Rewrite& rewrite, long nodesAdded);
+size_t checkRewrite(const uint8_t* data, size_t size, const Rewrite& rewrite,
+                    const std::function<long(size_t)>& nodesAdded, GsBytes* out = nullptr);
+inline size_t checkRewrite(const uint8_t* data, size_t size, const Rewrite& rewrite, long nodesAdded) {
+  return checkRewrite(data, size, rewrite, [nodesAdded](size_t) { return nodesAdded; });
+}
 
 }  // namespace le::fuzz

@@ -427,6 +427,10 @@ def fuse_variants():
         not_transpose(m)
         _reader(m, "warp_raw", "/warp/Clip")
 
+    def grid_alone(m):
+        clip_no_min(m)
+        id_grid_rank4(m)
+
     return {
         "grid_copied": grid_copied,
         "base_computed": base_computed,
@@ -459,6 +463,7 @@ def fuse_variants():
         "clip_no_min": clip_no_min,
         "subs_rank4": id_grid_rank4,
         "nothing_but_subs": nothing_but_subs,
+        "grid_alone": grid_alone,
         "second_warp_node": second_warp_node,
     }
 

@@ -20,6 +20,8 @@ Layout under DATA_DIR/fuzz:
   head_pickle/           the data.pkl streams of those checkpoints
   serve_config/          head configs
   unified_pi/            manifests with a unified block
+  source_cone/, warp_block/, warp_fuse/   the cone graphs and model_b1
+  conv_model/            the convolution backend's refusals, the m4b shapes
 """
 import glob
 import os
@@ -78,6 +80,33 @@ def _placeholder_twice(structure):
     first = [n for n in s.graph.node if n.op_type == "MemberNode"][0]
     s.graph.node.append(copy.deepcopy(first))
     return s.SerializeToString()
+
+
+def _conv_model_seeds(d):
+    """The convolution backend's refusal graphs, and the m4b topology itself
+    with every initializer's dimensions and none of its 55 MB of weights
+    (raw data short, or float data absent): the shapes prove the topology
+    and the data read refuses."""
+    import tempfile
+    import conv_graphs
+    from onnx import TensorProto, helper
+    with tempfile.TemporaryDirectory() as tmp:
+        conv_graphs._refusal_graphs(tmp)
+        _copy(d, glob.glob(os.path.join(tmp, "refuse", "*.onnx")), os.path.join(tmp, "refuse"))
+    weights = conv_graphs.m4b_weights()
+    for name, raw in (("topology_raw_short.onnx", b"\0" * 8), ("topology_no_data.onnx", None)):
+        inits = []
+        for key, value in weights.items():
+            t = TensorProto(name=key, data_type=TensorProto.FLOAT, dims=list(value.shape))
+            if raw is not None:
+                t.raw_data = raw
+            inits.append(t)
+        inputs = [helper.make_tensor_value_info("pooled64", TensorProto.FLOAT, [2, 64, 32, 32])]
+        outputs = [helper.make_tensor_value_info("rgb", TensorProto.FLOAT, [2, 3, 512, 512])]
+        graph = helper.make_graph([], "m4b", inputs, outputs, inits)
+        model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", conv_graphs.OPSET)])
+        model.ir_version = conv_graphs.IR_VERSION
+        _put(d, name, model.SerializeToString())
 
 
 def write_cases(out, data):
@@ -160,6 +189,12 @@ def write_cases(out, data):
             pass  # a broken container: its pickle is reached through head_pt
     _copy(os.path.join(out, "serve_config"), g("teeth/config/*.json") + g("teeth/config/refuse/*.json"), data)
     _copy(os.path.join(out, "unified_pi"), g("teeth/pi/*.json") + g("teeth/bundle/manifest.json"), data)
+
+    # The cone graphs carry every shape the cut, the warp block and the warp
+    # fuse prove or refuse.
+    for name in ("source_cone", "warp_block", "warp_fuse"):
+        _copy(os.path.join(out, name), g("graphs/cone/*.onnx") + g("graphs/model_b1.onnx"), data)
+    _conv_model_seeds(os.path.join(out, "conv_model"))
 
 
 def main():
