@@ -9,6 +9,7 @@
 
 #include "audio/a2x_meta.h"
 #include "bundle/manifest.h"
+#include "director/conv/onnx_model.h"
 #include "director/rewrites/compose_v2_splice.h"
 #include "director/rewrites/head_cubic.h"
 #include "tessera/box.h"
@@ -165,6 +166,37 @@ TEST(FuzzFindings, PiSupportBoxHoldsTheGateOfANegativeScale) {
     return out;
   };
   EXPECT_EQ(mask("-5.85"), mask("5.85"));
+}
+
+// An initializer whose dimensions multiply past 64 bits wrapped its float
+// count, and the raw-size check compared the wrapped product: 2^62 floats
+// passed for an empty raw_data and were then asked of the allocator. Such
+// dimensions are refused, and so are those of a count that wraps to 0.
+TEST(FuzzFindings, ConvInitializerDimensionsThatWrapAreRefused) {
+  const auto model = [](std::initializer_list<uint64_t> dims) {
+    le::GsBytes tensor;
+    for (const uint64_t d : dims) le::gsPutInt(tensor, 1, d);
+    le::gsPutInt(tensor, 2, 1);  // FLOAT
+    le::gsPutStr(tensor, 8, "w");
+    le::gsPutLen(tensor, 9, le::GsBytes{});
+    le::GsBytes graph;
+    le::gsPutLen(graph, 5, tensor);
+    le::GsBytes bytes;
+    le::gsPutLen(bytes, 7, graph);
+    return bytes;
+  };
+  for (const auto& dims : {std::initializer_list<uint64_t>{uint64_t{1} << 62},
+                           std::initializer_list<uint64_t>{uint64_t{1} << 32, uint64_t{1} << 32},
+                           std::initializer_list<uint64_t>{uint64_t{1} << 40, uint64_t{1} << 40, 3}}) {
+    const le::GsBytes bytes = model(dims);
+    EXPECT_EQ(errorOf([&] { le::conv::readOnnxModel({bytes.data(), bytes.size()}); }),
+              "onnx: raw size mismatch w");
+  }
+  // A zero dimension makes an empty tensor, which an empty raw_data holds.
+  const le::GsBytes empty = model({uint64_t{1} << 62, 0});
+  const le::conv::OnnxModel m = le::conv::readOnnxModel({empty.data(), empty.size()});
+  ASSERT_EQ(m.initializers.size(), 1u);
+  EXPECT_TRUE(m.initializers[0].data.empty());
 }
 
 }  // namespace
