@@ -6,10 +6,11 @@
 # A finding lands in build-fuzz/findings/<harness>/ and fails the script;
 # findings of earlier runs stay there until removed.
 #
-#   scripts/fuzz.sh [SECONDS] [HARNESS...]
+#   scripts/fuzz.sh [SECONDS] [HARNESS[:SECONDS]...]
 #
-# FUZZ_JOBS=N runs N harnesses at a time; build-fuzz/logs/history keeps a
-# line per harness run, so executions over several runs can be added up.
+# A harness named with its own SECONDS runs that long instead. FUZZ_JOBS=N
+# runs N harnesses at a time; build-fuzz/logs/history keeps a line per
+# harness run, so executions over several runs can be added up.
 #
 # Ends with a table per harness: executions, coverage (libFuzzer's cov and
 # ft) and the findings of this run.
@@ -60,7 +61,8 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 # One harness for the given time; its summary line goes to logs/<h>.summary
 # and, with the date, to logs/history (runs add up over a corpus that stays).
 fuzz_one() {
-  local h=$1 corpus="$build/corpus/$1" findings="$build/findings/$1" log="$build/logs/$1.log" d
+  local h=$1 seconds=$2
+  local corpus="$build/corpus/$h" findings="$build/findings/$h" log="$build/logs/$h.log" d
   mkdir -p "$corpus" "$findings" "${log%/*}"
   case "$h" in
     wire | gridsample_fast | blend_gemm | head_cubic | compose_v2_splice | source_cone | warp_block | warp_fuse | conv_model)
@@ -99,13 +101,16 @@ fuzz_one() {
 jobs=${FUZZ_JOBS:-1}
 failed=0
 running=0
-for h in "${harnesses[@]}"; do
+for entry in "${harnesses[@]}"; do
+  h=${entry%%:*}
+  t=$seconds
+  [ "$h" = "$entry" ] || t=${entry#*:}
   rm -f "$build/logs/$h.summary"
   if [ "$running" -ge "$jobs" ]; then
     wait -n || failed=1
     running=$((running - 1))
   fi
-  fuzz_one "$h" &
+  fuzz_one "$h" "$t" &
   running=$((running + 1))
 done
 while [ "$running" -gt 0 ]; do
@@ -113,5 +118,8 @@ while [ "$running" -gt 0 ]; do
   running=$((running - 1))
 done
 echo
-for h in "${harnesses[@]}"; do cat "$build/logs/$h.summary" 2>/dev/null || echo "$h: no summary"; done
+for entry in "${harnesses[@]}"; do
+  h=${entry%%:*}
+  cat "$build/logs/$h.summary" 2>/dev/null || echo "$h: no summary"
+done
 exit $failed
