@@ -1,5 +1,6 @@
 #include "bundle/drive.h"
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -12,11 +13,14 @@ namespace {
 
 constexpr std::size_t kKpFloats = 63;
 
+// The file's length is checked before anything is allocated: the row count
+// is the manifest's word, and a "frames" of two billion must not ask for
+// half a terabyte before the 6 KB table on disk refuses it.
 template <class T>
 std::vector<T> readTable(const Manifest& manifest, const char* member, std::size_t count) {
-  const std::string path = resolveMember(manifest.bundle_dir, member);
+  const MappedFile file(resolveMember(manifest.bundle_dir, member), count * sizeof(T));
   std::vector<T> out(count);
-  readExact(path, out.data(), count * sizeof(T));
+  if (count) std::memcpy(out.data(), file.data(), count * sizeof(T));
   return out;
 }
 

@@ -223,6 +223,22 @@ TEST(Drive, TablesOfTheWrongLengthOrAbsent) {
   EXPECT_EQ(driveError(idCase("si_missing")), "cannot open " + idCase("si_missing") + "/drive/si.i32");
 }
 
+// The row count is the manifest's word: a "frames" of two billion is
+// refused by the length of the table on disk, before any memory is asked
+// for it (half a terabyte here, which the allocator would refuse or, with
+// overcommit, hand out and let the zero fill exhaust).
+TEST(Drive, AFrameCountTheTablesDoNotHoldAllocatesNothing) {
+  le::test::TempDir tmp;
+  std::string text = readFile(dataPath("sample/manifest.json"));
+  const size_t at = text.find("\"frames\": 6");
+  ASSERT_NE(at, std::string::npos);
+  text.replace(at, 12, "\"frames\": 2000000000");
+  le::test::writeFile(tmp / "manifest.json", text);
+  for (const char* table : {"drive/xs.f32", "drive/xd.f32", "drive/si.i32"})
+    le::test::writeFile(tmp / table, readFile(dataPath(std::string("sample/") + table)));
+  EXPECT_EQ(driveError(tmp.path()), "size mismatch " + tmp / "drive/xs.f32");
+}
+
 TEST(Drive, EverySourceIndexMustBeAFrame) {
   EXPECT_EQ(driveError(idCase("si_nt")), "drive: si out of range");
   EXPECT_EQ(driveError(idCase("si_negative")), "drive: si out of range");

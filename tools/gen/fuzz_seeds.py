@@ -22,8 +22,10 @@ Layout under DATA_DIR/fuzz:
   unified_pi/            manifests with a unified block
   source_cone/, warp_block/, warp_fuse/   the cone graphs and model_b1
   conv_model/            the convolution backend's refusals, the m4b shapes
+  drive/                 manifest.json texts (3 frames read the harness's tables)
 """
 import glob
+import json
 import os
 import shutil
 import struct
@@ -195,6 +197,14 @@ def write_cases(out, data):
     for name in ("source_cone", "warp_block", "warp_fuse"):
         _copy(os.path.join(out, name), g("graphs/cone/*.onnx") + g("graphs/model_b1.onnx"), data)
     _conv_model_seeds(os.path.join(out, "conv_model"))
+
+    # The drive harness keeps three-row tables beside the manifest: the
+    # sample's manifest at 3 frames reads them, the others refuse somewhere.
+    d = os.path.join(out, "drive")
+    _copy(d, g("manifests/*/manifest.json"), data)
+    sample = json.loads(read("sample/manifest.json"))
+    for name, frames in (("three_frames.json", 3), ("two_billion_frames.json", 2000000000)):
+        _put(d, name, json.dumps(dict(sample, frames=frames)))
 
 
 def main():
