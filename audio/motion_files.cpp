@@ -1,8 +1,10 @@
 #include "audio/motion_files.h"
 
+#include <sys/stat.h>
+
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -20,16 +22,18 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 std::vector<float> readFloats(const std::string& path, size_t n) {
   File f(std::fopen(path.c_str(), "rb"));
   if (!f) throw std::runtime_error("cannot open " + path);
-  std::string bytes;
-  char buf[65536];
-  size_t got;
-  while ((got = std::fread(buf, 1, sizeof buf, f.get())) > 0) bytes.append(buf, got);
-  if (std::ferror(f.get())) throw std::runtime_error("short read " + path);
-  const size_t count = bytes.size() / sizeof(float);
-  if (count != n || bytes.size() % sizeof(float) != 0)
+  // The length decides before anything is read: a table of the wrong size
+  // is refused without holding it in memory, however large it is. A
+  // directory opens too, and is no table.
+  struct stat st {};
+  if (::fstat(fileno(f.get()), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0)
+    throw std::runtime_error("short read " + path);
+  const auto bytes = static_cast<uint64_t>(st.st_size);
+  const uint64_t count = bytes / sizeof(float);
+  if (count != n || bytes % sizeof(float) != 0)
     throw std::runtime_error(path + ": " + std::to_string(count) + " floats, expected " + std::to_string(n));
   std::vector<float> v(n);
-  if (n) std::memcpy(v.data(), bytes.data(), n * sizeof(float));
+  if (n && std::fread(v.data(), sizeof(float), n, f.get()) != n) throw std::runtime_error("short read " + path);
   return v;
 }
 
