@@ -97,12 +97,6 @@ bool gsSourceCone(const std::vector<GsNodeInfo>& nodes, const std::unordered_set
     flags[p->second] = 1;
     for (const std::string& in : node.inputs) stack.push_back(in);
   }
-  // The tip itself must be computed in the cone: a boundary with no name, or
-  // one that names P_rgb, an initializer or a Constant, hands nothing over.
-  if (const auto tip = producer.find(boundary); tip == producer.end() || !flags[tip->second]) {
-    why = "the boundary '" + boundary + "' is not computed in the cone";
-    return false;
-  }
 
   std::unordered_set<std::string> inside;
   for (size_t i = 0; i < nodes.size(); ++i)
@@ -128,10 +122,17 @@ bool gsSourceCone(const std::vector<GsNodeInfo>& nodes, const std::unordered_set
 bool buildSourceConePrep(const GsBytes& bytes, const std::string& boundary, GsBytes& out, std::string& why) {
   ConeGraph g;
   if (!readCone(bytes, boundary, g, why)) return false;
-  // The cone holds at least the boundary's producer.
   std::vector<uint8_t> remove(g.nodes.size(), 1);
+  bool any = false;
   for (size_t i = 0; i < g.nodes.size(); ++i)
-    if (g.cone[i] || g.nodes[i].opType == "Constant") remove[i] = 0;
+    if (g.cone[i] || g.nodes[i].opType == "Constant") {
+      remove[i] = 0;
+      any = true;
+    }
+  if (!any) {
+    why = "empty cone";
+    return false;
+  }
   GsGraphEdit edit;
   edit.removeFlags = remove.data();
   edit.keepOnlyPrgbInput = true;

@@ -34,9 +34,9 @@ struct GsGraphEdit {
 int findSourceConeBoundary(const GsBytes& bytes, std::string& out);
 
 // Marks in flags (one byte per node) the nodes the boundary depends on,
-// Constants excepted, and proves the cone closed: the boundary is computed
-// in it, it reads no graph input but P_rgb, and nothing outside it reads
-// anything from inside but the boundary. False with why otherwise.
+// Constants excepted, and proves the cone closed: it reads no graph input
+// but P_rgb, and nothing outside it reads anything from inside but the
+// boundary. False with why otherwise.
 bool gsSourceCone(const std::vector<GsNodeInfo>& nodes, const std::unordered_set<std::string>& initializers,
                   const std::unordered_set<std::string>& inputs, const std::string& boundary,
                   std::vector<uint8_t>& flags, std::string& why);

@@ -80,22 +80,6 @@ TEST(SourceCone, TheConeMustBeClosed) {
   GsBytes out;
   EXPECT_FALSE(le::buildSourceConePrep(GsBytes{}, "cone_planes", out, why));
   EXPECT_EQ(why, "no graph");
-  // The boundary must be computed in the cone: not nameless, not P_rgb, an
-  // initializer or a Constant's value.
-  const auto node = [](const char* op, std::vector<std::string> ins, std::vector<std::string> outs) {
-    le::GsNodeInfo n;
-    n.opType = op;
-    n.inputs = std::move(ins);
-    n.outputs = std::move(outs);
-    return n;
-  };
-  const std::vector<le::GsNodeInfo> nodes = {node("Constant", {}, {"c"}), node("Concat", {"P_rgb", "c"}, {""}),
-                                             node("Concat", {"P_rgb", "w"}, {"P_rgb"})};
-  std::vector<uint8_t> flags;
-  for (const char* tip : {"", "c", "w", "P_rgb"}) {
-    EXPECT_FALSE(le::gsSourceCone(nodes, {"w"}, {"P_rgb"}, tip, flags, why)) << tip;
-    EXPECT_EQ(why, std::string("the boundary '") + tip + "' is not computed in the cone");
-  }
   // The boundary itself may have many readers: the per-frame side takes it
   // as an input.
   EXPECT_TRUE(le::buildSourceConePrep(graphFile("cone/boundary_read_twice.onnx"), "cone_planes", out, why)) << why;
