@@ -69,6 +69,7 @@ fuzz_one() {
       d=onnx ;;
     teeth_json | lip_template | compose_v2_structure | teeth_members | serve_config | unified_pi) d=json ;;
     head_pt | head_pickle) d=pickle ;;
+    drive) d=manifest ;;
     *) d=$h ;;
   esac
   local dict=()
