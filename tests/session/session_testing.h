@@ -32,4 +32,31 @@ std::vector<Frame> pullUntil(le_utt* utt, size_t frame_bytes, double deadline_ms
 // Waits for le_utt_ready to leave 0; returns its last answer.
 int waitReady(le_utt* utt, double deadline_ms = 60000.0);
 
+// Milliseconds of the steady clock.
+double nowMs();
+
+// The frames (640 samples each at 16 kHz and 25 fps) that `samples` cover.
+int framesOf(size_t samples);
+
+// True once a ramp frame has been followed by an idle one: an utterance and
+// its end have been delivered.
+bool backToIdleAfterRamp(const std::vector<Frame>& f);
+
+// A context and a live session on one bundle (the generated speech encoder,
+// motion_dir the bundle unless opts name one), with the frame size at hand.
+// A failure to open either is a test failure, and leaves the handle null.
+struct LiveSession {
+  le_ctx* ctx = nullptr;
+  le_utt* utt = nullptr;
+  size_t bytes = 0;
+  int nt = 0, W = 0, H = 0;
+
+  explicit LiveSession(const std::string& bundle, le_utt_opts opts = {}, const char* model = "b1_fp32");
+  ~LiveSession();
+  LiveSession(const LiveSession&) = delete;
+  LiveSession& operator=(const LiveSession&) = delete;
+
+  void push(const std::vector<int16_t>& pcm);
+};
+
 }  // namespace le::test

@@ -22,44 +22,19 @@ constexpr int kRampEnd = 6;
 
 std::string speaking() { return le::test::dataPath("motion/bundles/speaking"); }
 
-int framesOf(size_t samples) { return static_cast<int>((samples + 639) / 640); }
-
-struct Live {
-  le_ctx* ctx;
-  le_utt* utt = nullptr;
-  size_t bytes = 0;
-  int nt = 0;
-  explicit Live(int eager) : ctx(le_create(speaking().c_str(), "b1_fp32", 0, nullptr)) {
-    if (!ctx) {
-      ADD_FAILURE() << le_last_error();
-      return;
-    }
+// The speaking bundle's session, motion eager as asked.
+struct Live : le::test::LiveSession {
+  explicit Live(int eager) : LiveSession(speaking(), optsOf(eager)) {}
+  static le_utt_opts optsOf(int eager) {
     le_utt_opts o{};
-    const std::string dir = speaking();
-    o.motion_dir = dir.c_str();
     o.eager = eager;
-    utt = le_utt_create(ctx, &o);
-    if (!utt) ADD_FAILURE() << le_utt_last_error();
-    bytes = static_cast<size_t>(le_width(ctx)) * le_height(ctx) * 3;
-    nt = le_nt(ctx);
-  }
-  ~Live() {
-    le_utt_destroy(utt);
-    le_destroy(ctx);
+    return o;
   }
 };
 
-bool backToIdleAfterRamp(const std::vector<Frame>& f) {
-  bool ramp = false;
-  for (const Frame& x : f) {
-    if (x.info.type == 2) ramp = true;
-    if (ramp && x.info.type == 0) return true;
-  }
-  return false;
-}
+using le::test::backToIdleAfterRamp;
+using le::test::framesOf;
 
-// Idle frames, speech ordinals 0 to n - 1 walking the source rows, the ramp,
-// idle again; no frame lost.
 void expectUtterance(const std::vector<Frame>& f, int n, int nt) {
   size_t i = 0;
   while (i < f.size() && f[i].info.type == 0) ++i;

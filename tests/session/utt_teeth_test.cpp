@@ -31,11 +31,9 @@ constexpr int kRampEnd = 6, kRampInterrupt = 4;
 
 std::string teethBundle() { return le::test::dataPath("teeth/session"); }
 
-double nowMs() {
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-int speechFrames(size_t samples) { return static_cast<int>((samples + 639) / 640); }
+using le::test::backToIdleAfterRamp;
+using le::test::framesOf;
+using le::test::nowMs;
 
 // The teeth members as a host holds them: the record, and the bank in donor
 // order from the raw track.
@@ -73,35 +71,8 @@ struct Members {
   }
 };
 
-struct Live {
-  le_ctx* ctx = nullptr;
-  le_utt* utt = nullptr;
-  size_t bytes = 0;
-  int nt = 0, W = 0, H = 0;
-
-  explicit Live(const std::string& bundle, le_utt_opts opts = {}) {
-    le::test::useGeneratedSpeechEncoder();
-    ctx = le_create(bundle.c_str(), "b1_fp32", 0, nullptr);
-    if (!ctx) {
-      ADD_FAILURE() << le_last_error();
-      return;
-    }
-    const std::string dir = opts.motion_dir ? opts.motion_dir : bundle;
-    opts.motion_dir = dir.c_str();
-    utt = le_utt_create(ctx, &opts);
-    if (!utt) ADD_FAILURE() << le_utt_last_error();
-    W = le_width(ctx);
-    H = le_height(ctx);
-    bytes = static_cast<size_t>(W) * H * 3;
-    nt = le_nt(ctx);
-  }
-  ~Live() {
-    le_utt_destroy(utt);
-    le_destroy(ctx);
-  }
-  void push(const std::vector<int16_t>& pcm) {
-    ASSERT_EQ(le_utt_push_audio(utt, pcm.data(), static_cast<int>(pcm.size())), 1);
-  }
+struct Live : le::test::LiveSession {
+  using LiveSession::LiveSession;
   int teeth(uint64_t* ok = nullptr, uint64_t* refused = nullptr, std::string* why = nullptr) {
     char err[256] = "";
     const int r = le_utt_tessera_stats(utt, ok, refused, err, sizeof err);
@@ -110,16 +81,6 @@ struct Live {
   }
 };
 
-bool backToIdleAfterRamp(const std::vector<Frame>& f) {
-  bool ramp = false;
-  for (const Frame& x : f) {
-    if (x.info.type == 2) ramp = true;
-    if (ramp && x.info.type == 0) return true;
-  }
-  return false;
-}
-
-// Frames of one whole utterance, idle frames dropped.
 std::vector<Frame> speakOnce(Live& s, const std::vector<int16_t>& pcm) {
   s.push(pcm);
   le_utt_end_utterance(s.utt);
@@ -240,7 +201,7 @@ TEST(UttTeeth, InlineAndThreadedRoadsGiveTheSameBytes) {
       ASSERT_EQ(mem.attach(s->utt, err, sizeof err), 0) << err;
     }
     std::vector<Frame> f = speakOnce(*s, pcm);
-    ASSERT_EQ(f.size(), static_cast<size_t>(speechFrames(pcm.size()) + kRampEnd));
+    ASSERT_EQ(f.size(), static_cast<size_t>(framesOf(pcm.size()) + kRampEnd));
     for (size_t i = 0; i < f.size(); ++i) {
       EXPECT_EQ(f[i].info.type, i < f.size() - kRampEnd ? 1 : 2);
       if (f[i].info.type == 1) {
@@ -331,8 +292,8 @@ TEST(UttTeeth, InterruptDropsTheHeldFrame) {
       }
     }
     auto h = speakOnce(s, pcm);
-    ASSERT_EQ(h.size(), static_cast<size_t>(speechFrames(pcm.size()) + kRampEnd));
-    for (int o = 0; o < speechFrames(pcm.size()); ++o) EXPECT_EQ(h[o].info.ordinal, o);
+    ASSERT_EQ(h.size(), static_cast<size_t>(framesOf(pcm.size()) + kRampEnd));
+    for (int o = 0; o < framesOf(pcm.size()); ++o) EXPECT_EQ(h[o].info.ordinal, o);
     std::string why;
     EXPECT_EQ(s.teeth(nullptr, nullptr, &why), 1) << why;
   }

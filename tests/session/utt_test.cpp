@@ -27,53 +27,13 @@ using le::test::ScopedEnv;
 
 constexpr int kRampEnd = 6, kRampInterrupt = 4;
 
-double nowMs() {
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-int frames(size_t samples) { return static_cast<int>((samples + 639) / 640); }
-
-// A context and a session on one bundle, with the frame size at hand.
-struct Live {
-  le_ctx* ctx = nullptr;
-  le_utt* utt = nullptr;
-  size_t bytes = 0;
-  int nt = 0;
-
-  explicit Live(const std::string& bundle, le_utt_opts opts = {}, const char* model = "b1_fp32") {
-    le::test::useGeneratedSpeechEncoder();
-    ctx = le_create(bundle.c_str(), model, 0, nullptr);
-    if (!ctx) {
-      ADD_FAILURE() << le_last_error();
-    }
-    const std::string dir = opts.motion_dir ? opts.motion_dir : bundle;
-    opts.motion_dir = dir.c_str();
-    utt = le_utt_create(ctx, &opts);
-    if (!utt) {
-      ADD_FAILURE() << le_utt_last_error();
-    }
-    bytes = static_cast<size_t>(le_width(ctx)) * le_height(ctx) * 3;
-    nt = le_nt(ctx);
-  }
-  ~Live() {
-    le_utt_destroy(utt);
-    le_destroy(ctx);
-  }
-  void push(const std::vector<int16_t>& pcm) { ASSERT_EQ(le_utt_push_audio(utt, pcm.data(), static_cast<int>(pcm.size())), 1); }
-};
+using Live = le::test::LiveSession;
+using le::test::backToIdleAfterRamp;
+using le::test::framesOf;
+using le::test::nowMs;
 
 std::string sample() { return le::test::dataPath("sample"); }
 
-bool backToIdleAfterRamp(const std::vector<Frame>& f) {
-  bool ramp = false;
-  for (const Frame& x : f) {
-    if (x.info.type == 2) ramp = true;
-    if (ramp && x.info.type == 0) return true;
-  }
-  return false;
-}
-
-// The frames of one utterance: idle, speech ordinals 0..n-1, the ramp, idle.
 void expectUtteranceShape(const std::vector<Frame>& f, int n, int ramp, int nt) {
   size_t i = 0;
   while (i < f.size() && f[i].info.type == 0) ++i;
@@ -192,12 +152,12 @@ TEST(UttSession, UtteranceShapeEndedByTheHost) {
     max_avail = std::max(max_avail, le_utt_frames_available(s.utt));
     return backToIdleAfterRamp(v);
   });
-  expectUtteranceShape(f, frames(pcm.size()), kRampEnd, s.nt);
+  expectUtteranceShape(f, framesOf(pcm.size()), kRampEnd, s.nt);
   EXPECT_LE(max_avail, 8);
   le_utt_stats st{};
   le_utt_get_stats(s.utt, &st);
   EXPECT_EQ(st.utterances, 1u);
-  EXPECT_EQ(st.speech_frames_out, static_cast<uint64_t>(frames(pcm.size())));
+  EXPECT_EQ(st.speech_frames_out, static_cast<uint64_t>(framesOf(pcm.size())));
   EXPECT_GT(st.first_frame_ms, 0.0);
   EXPECT_GT(st.frame_ms, 0.0);
   int64_t skipped = -1, sample_at = 0;
@@ -223,7 +183,7 @@ TEST(UttSession, SilenceEndsAnUtteranceAndNegativeSilenceWaits) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     s.push(pcm);
     auto f = pullUntil(s.utt, s.bytes, 60000, backToIdleAfterRamp);
-    expectUtteranceShape(f, frames(pcm.size()), kRampEnd, s.nt);
+    expectUtteranceShape(f, framesOf(pcm.size()), kRampEnd, s.nt);
   }
   {
     le_utt_opts o{};
@@ -239,11 +199,11 @@ TEST(UttSession, SilenceEndsAnUtteranceAndNegativeSilenceWaits) {
       EXPECT_NE(x.info.type, 2);
       speech += x.info.type == 1;
     }
-    EXPECT_LT(speech, frames(pcm.size()));
+    EXPECT_LT(speech, framesOf(pcm.size()));
     le_utt_end_utterance(s.utt);
     auto rest = pullUntil(s.utt, s.bytes, 60000, backToIdleAfterRamp);
     f.insert(f.end(), rest.begin(), rest.end());
-    expectUtteranceShape(f, frames(pcm.size()), 3, s.nt);
+    expectUtteranceShape(f, framesOf(pcm.size()), 3, s.nt);
   }
 }
 
@@ -294,7 +254,7 @@ TEST(UttSession, InterruptDropsEverythingAndRampsFromTheLastPulledFrame) {
   s.push(pcm);
   le_utt_end_utterance(s.utt);
   auto h = pullUntil(s.utt, s.bytes, 60000, backToIdleAfterRamp);
-  expectUtteranceShape(h, frames(pcm.size()), kRampEnd, s.nt);
+  expectUtteranceShape(h, framesOf(pcm.size()), kRampEnd, s.nt);
   // The first utterance counts if its frame 0 reached the queue before the
   // interrupt dropped it.
   le_utt_stats st{};
@@ -337,7 +297,7 @@ TEST(UttSession, LateFramesAreSkippedAgainstThePlayoutPosition) {
     ASSERT_GT(ordinals[i], ordinals[i - 1]);
     gaps += ordinals[i] - ordinals[i - 1] - 1;
   }
-  gaps += frames(pcm.size()) - 1 - ordinals.back();
+  gaps += framesOf(pcm.size()) - 1 - ordinals.back();
   EXPECT_EQ(le_utt_playout_stats(s.utt, &skipped, nullptr, nullptr), 1);
   EXPECT_GT(skipped, 0);
   EXPECT_EQ(skipped, gaps);
@@ -353,7 +313,7 @@ TEST(UttSession, LateFramesAreSkippedAgainstThePlayoutPosition) {
   EXPECT_EQ(again, skipped);
   int speech = 0;
   for (const Frame& x : g) speech += x.info.type == 1;
-  EXPECT_EQ(speech, frames(pcm.size()));
+  EXPECT_EQ(speech, framesOf(pcm.size()));
 }
 
 // The inline and the pipelined paste give the same frames, byte for byte.
@@ -374,7 +334,7 @@ TEST(UttSession, InlineAndPipelinedPasteGiveTheSameBytes) {
     runs.push_back(std::move(speech));
   }
   ASSERT_EQ(runs[0].size(), runs[1].size());
-  ASSERT_EQ(runs[0].size(), static_cast<size_t>(frames(pcm.size()) + kRampEnd));
+  ASSERT_EQ(runs[0].size(), static_cast<size_t>(framesOf(pcm.size()) + kRampEnd));
   EXPECT_EQ(runs[0][0].info.si, 1);
   for (size_t i = 0; i < runs[0].size(); ++i) {
     EXPECT_EQ(runs[0][i].info.si, runs[1][i].info.si);
@@ -396,7 +356,7 @@ TEST(UttSession, ChunkRendererKeepsTheShape) {
     s.push(pcm);
     le_utt_end_utterance(s.utt);
     auto f = pullUntil(s.utt, s.bytes, 60000, backToIdleAfterRamp, true);
-    expectUtteranceShape(f, frames(pcm.size()), kRampEnd, s.nt);
+    expectUtteranceShape(f, framesOf(pcm.size()), kRampEnd, s.nt);
     std::vector<Frame> speech;
     for (Frame& x : f)
       if (x.info.type == 1) speech.push_back(std::move(x));
