@@ -211,6 +211,8 @@ struct le_utt {
   bool tessDrainP();
   void tessDiscardHeld();
   bool tessEmitCommon();  // the steps both roads share; false on a refusal or fault
+  bool tessPush(const float* crop, const float* kd, bool& got);
+  bool tessFlush(bool& got);
   void parkHeld(const float* crop, int type, int si, int ordinal, const float* kd, int64_t sample, double pushed_ms);
   bool pushPaste(bool has_crop, int type, int si, int ordinal, const float* kd, uint64_t gen, double enq_ms,
                  int64_t sample);

@@ -125,6 +125,28 @@ void le_utt::tessFault(const char* what) {
   tess_error = what && *what ? what : "unknown failure";
 }
 
+// The pass's push and flush. A throw faults the teeth for good and gives
+// false; got says whether a held frame's teeth came back in tess_result.
+bool le_utt::tessPush(const float* c, const float* kd, bool& got) {
+  try {
+    got = tess->push(c, kd, tess_result);
+    return true;
+  } catch (const std::exception& e) {
+    tessFault(e.what());
+    return false;
+  }
+}
+
+bool le_utt::tessFlush(bool& got) {
+  try {
+    got = tess->flush(tess_result);
+    return true;
+  } catch (const std::exception& e) {
+    tessFault(e.what());
+    return false;
+  }
+}
+
 void le_utt::parkHeld(const float* c, int type, int si, int ordinal, const float* kd, int64_t sample,
                       double pushed_ms) {
   held_crop.resize(static_cast<size_t>(crop) * static_cast<size_t>(crop) * 3);
@@ -188,12 +210,7 @@ bool le_utt::enqueueTeethInline(std::unique_ptr<StreamBorrow> fresh, const float
   }
   const double t0 = nowMs();
   bool got;
-  try {
-    got = tess->push(c, kd ? kd : kNoKp.data(), tess_result);
-  } catch (const std::exception& e) {
-    tessFault(e.what());
-    return false;
-  }
+  if (!tessPush(c, kd ? kd : kNoKp.data(), got)) return false;
   if (ms) *ms += nowMs() - t0;
   const bool ok = got ? tessEmitHeld(ms) : true;
   parkHeld(c, type, si, ordinal, kd, sample, pushed_ms);
@@ -209,12 +226,7 @@ bool le_utt::tessEmitHeld(double* ms) {
 bool le_utt::tessDrain(double* ms) {
   if (!tess || !held) return true;
   bool got;
-  try {
-    got = tess->flush(tess_result);
-  } catch (const std::exception& e) {
-    tessFault(e.what());
-    return false;
-  }
+  if (!tessFlush(got)) return false;
   if (got) return tessEmitHeld(ms);
   held = false;
   tessFault("flush: the pass held no pending frame while a crop was held — refusing to deliver it uncomposed");
@@ -259,12 +271,7 @@ void le_utt::tessStage(PasteJob& job) {
   }
   const double t0 = nowMs();
   bool got;
-  try {
-    got = tess->push(job.crop.data(), job.kd.data(), tess_result);
-  } catch (const std::exception& e) {
-    tessFault(e.what());
-    return;
-  }
+  if (!tessPush(job.crop.data(), job.kd.data(), got)) return;
   b_sum_ms += nowMs() - t0;
   if (got && !tessEmitHeldP()) return;
   // Park the job's crop: buffers change hands, contents stay.
@@ -293,12 +300,7 @@ bool le_utt::tessEmitHeldP() {
 bool le_utt::tessDrainP() {
   if (!held) return true;
   bool got;
-  try {
-    got = tess->flush(tess_result);
-  } catch (const std::exception& e) {
-    tessFault(e.what());
-    return false;
-  }
+  if (!tessFlush(got)) return false;
   if (got) return tessEmitHeldP();
   // The pass lost the frame: on this road the crop goes on as it stands.
   held = false;
