@@ -16,7 +16,7 @@ using headpt::PRef;
 using headpt::PVal;
 using headpt::ZipEntry;
 
-struct TensorSpec {
+struct HeadTensor {
   const char* name;
   std::vector<float> HeadWeights::*field;
   std::array<int64_t, 4> shape;
@@ -25,8 +25,8 @@ struct TensorSpec {
 
 // The six `cand` tensors, then the four `syn` ones.
 constexpr size_t kCandTensors = 6;
-const std::array<TensorSpec, 10>& tensorSpecs() {
-  static const std::array<TensorSpec, 10> specs = {{
+const std::array<HeadTensor, 10>& headTensors() {
+  static const std::array<HeadTensor, 10> tensors = {{
       {"cand.0.weight", &HeadWeights::cand0_w, {16, 7, 3, 3}, 4},
       {"cand.0.bias", &HeadWeights::cand0_b, {16}, 1},
       {"cand.2.weight", &HeadWeights::cand2_w, {16, 16, 3, 3}, 4},
@@ -38,7 +38,7 @@ const std::array<TensorSpec, 10>& tensorSpecs() {
       {"syn.2.weight", &HeadWeights::syn2_w, {1, 16, 3, 3}, 4},
       {"syn.2.bias", &HeadWeights::syn2_b, {1}, 1},
   }};
-  return specs;
+  return tensors;
 }
 
 bool endsWith(std::string_view s, std::string_view tail) {
@@ -47,25 +47,25 @@ bool endsWith(std::string_view s, std::string_view tail) {
 
 [[noreturn]] void refuse(const std::string& words) { throw std::runtime_error(words); }
 
-void loadTensor(const TensorSpec& spec, const std::vector<std::pair<headpt::PStr, PRef>>& state,
+void loadTensor(const HeadTensor& want, const std::vector<std::pair<headpt::PStr, PRef>>& state,
                 const std::vector<ZipEntry>& entries, const uint8_t* bytes, HeadWeights& out) {
   size_t named = 0;
   const PVal* first = nullptr;
   for (const auto& [name, value] : state) {
-    if (*name != spec.name) continue;
+    if (*name != want.name) continue;
     if (!first) first = value.get();
     ++named;
   }
-  if (named > 1) refuse(std::string("teeth: head .pt names '") + spec.name + "' " + std::to_string(named) +
+  if (named > 1) refuse(std::string("teeth: head .pt names '") + want.name + "' " + std::to_string(named) +
                         " times — ambiguous");
-  if (!first) refuse(std::string("teeth: head .pt lacks '") + spec.name + "'");
-  if (first->kind != PVal::kTensor) refuse(std::string("teeth: '") + spec.name + "' is not a tensor");
+  if (!first) refuse(std::string("teeth: head .pt lacks '") + want.name + "'");
+  if (first->kind != PVal::kTensor) refuse(std::string("teeth: '") + want.name + "' is not a tensor");
 
   const std::vector<int64_t> shape = first->shape();
-  if (shape.size() != spec.dims || !std::equal(shape.begin(), shape.end(), spec.shape.begin())) {
+  if (shape.size() != want.dims || !std::equal(shape.begin(), shape.end(), want.shape.begin())) {
     std::string dims;
     for (const int64_t d : shape) dims += std::to_string(d) + ",";
-    refuse(std::string("teeth: head '") + spec.name + "' has shape [" + dims + "] — not the BlendHead(16) arch");
+    refuse(std::string("teeth: head '") + want.name + "' has shape [" + dims + "] — not the BlendHead(16) arch");
   }
   int64_t count = 1;
   for (const int64_t d : shape) count *= d;  // the table's own shape: small
@@ -85,7 +85,7 @@ void loadTensor(const TensorSpec& spec, const std::vector<std::pair<headpt::PStr
   const uint64_t need = offset < 0 ? UINT64_MAX : (static_cast<uint64_t>(offset) + static_cast<uint64_t>(count)) * 4;
   if (offset < 0 || storage->size < need) refuse("teeth: head storage " + key + " too small");
 
-  std::vector<float>& dst = out.*spec.field;
+  std::vector<float>& dst = out.*want.field;
   dst.resize(static_cast<size_t>(count));
   const uint8_t* src = bytes + storage->offset + static_cast<size_t>(offset) * 4;
   for (size_t k = 0; k < dst.size(); ++k) {
@@ -100,7 +100,7 @@ void loadTensor(const TensorSpec& spec, const std::vector<std::pair<headpt::PStr
 
 int64_t HeadWeights::params() const {
   int64_t n = 0;
-  for (const TensorSpec& spec : tensorSpecs()) n += static_cast<int64_t>((this->*spec.field).size());
+  for (const HeadTensor& want : headTensors()) n += static_cast<int64_t>((this->*want.field).size());
   return n;
 }
 
@@ -118,13 +118,13 @@ HeadWeights loadHeadPt(const uint8_t* bytes, size_t size) {
   if (state.empty()) refuse("teeth: head .pt state_dict is empty");
 
   HeadWeights w;
-  const auto& specs = tensorSpecs();
-  for (size_t t = 0; t < kCandTensors; ++t) loadTensor(specs[t], state, entries, bytes, w);
+  const auto& tensors = headTensors();
+  for (size_t t = 0; t < kCandTensors; ++t) loadTensor(tensors[t], state, entries, bytes, w);
   bool anySyn = false;
   for (const auto& entry : state)
-    for (size_t t = kCandTensors; t < specs.size(); ++t) anySyn = anySyn || *entry.first == specs[t].name;
+    for (size_t t = kCandTensors; t < tensors.size(); ++t) anySyn = anySyn || *entry.first == tensors[t].name;
   if (anySyn) {
-    for (size_t t = kCandTensors; t < specs.size(); ++t) loadTensor(specs[t], state, entries, bytes, w);
+    for (size_t t = kCandTensors; t < tensors.size(); ++t) loadTensor(tensors[t], state, entries, bytes, w);
   }
   const int64_t n = w.params();
   if (n != 3489 && n != 4082) {
