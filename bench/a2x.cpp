@@ -12,7 +12,6 @@
 //
 // Usage: a2x [DATA_DIR]   (DATA_DIR: what tools/gen/gen_bundles.py wrote;
 // default $LE_TEST_DATA). The bundle is DATA_DIR/sample.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,8 +20,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -30,6 +27,7 @@
 #include "audio/a2x.h"
 #include "audio/a2x_schedule.h"
 #include "bench/alloc_count.h"
+#include "bench/child_run.h"
 #include "le/le_a2x.h"
 #include "tests/audio/wav.h"
 
@@ -128,47 +126,21 @@ int child(const std::string& data, const std::string& clipPath) {
   return 0;
 }
 
-std::map<std::string, std::string> parse(const std::string& line) {
-  std::map<std::string, std::string> kv;
-  std::istringstream in(line);
-  for (std::string word; in >> word;)
-    if (const size_t eq = word.find('='); eq != std::string::npos) kv[word.substr(0, eq)] = word.substr(eq + 1);
-  return kv;
-}
-
 // Runs this program as a child for one configuration; returns its line.
 std::string runChild(const std::string& self, const std::string& data, const std::string& clipPath,
                      const std::string& w2v, int threads) {
-  int fd[2];
-  if (pipe(fd) != 0) throw std::runtime_error("pipe failed");
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    dup2(fd[1], 1);
+  const auto setup = [&] {
     // The table says which frontend served; the fallback line of the 8 s
     // rows would only interleave with it.
     if (FILE* null = std::fopen("/dev/null", "w")) dup2(fileno(null), 2);
-    close(fd[0]);
-    close(fd[1]);
     setenv("W2V_ONNX", w2v.c_str(), 1);
     setenv("LE_A2X_BENCH_THREADS", std::to_string(threads).c_str(), 1);
     setenv("LE_CORE_THREADS", std::to_string(threads).c_str(), 1);
     setenv("KESTROVA_ENGINE_QUIET", "1", 1);
     for (const char* v : {"LE_A2X_W2V_WIN_ONNX", "LE_A2X_W2V_HEAD_ONNX", "LE_A2X_W2V_RIGHT", "LE_A2X_SILENCE_PRIME"})
       unsetenv(v);
-    execl(self.c_str(), self.c_str(), "--child", data.c_str(), clipPath.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(fd[1]);
-  std::fflush(stdout);
-  std::string out;
-  char buf[4096];
-  for (ssize_t n; (n = read(fd[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
-  close(fd[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error("a child run failed (w2v " + w2v + ")");
-  return out;
+  };
+  return le::bench::runChild(self, {data, clipPath}, setup, "w2v " + w2v);
 }
 
 }  // namespace
@@ -198,7 +170,7 @@ int main(int argc, char** argv) {
     for (const char* frontend : {"short", "8s"}) {
       const std::string w2v = data + (std::strcmp(frontend, "short") == 0 ? "/audio/w2v/w2v.onnx" : "/audio/w2v8only/w2v.onnx");
       for (int threads : {1, 2}) {
-        auto kv = parse(runChild(self, data, clipPath, w2v, threads));
+        auto kv = le::bench::parseKeyValues(runChild(self, data, clipPath, w2v, threads));
         const long long fp = std::atoll(kv["first_pred"].c_str()), fm = std::atoll(kv["first_meas"].c_str());
         char first[64];
         std::snprintf(first, sizeof first, "%lld / %lld (%.0f ms)", fp, fm, static_cast<double>(fm) / 16.0);

@@ -15,7 +15,6 @@
 // Usage: teeth [DATA_DIR]   (DATA_DIR: the output of tools/gen/gen_bundles.py;
 // without it, or without W2V_ONNX, the session part is skipped)
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,12 +25,12 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench/child_run.h"
 #include "compute/threads.h"
 #include "le/le.h"
 #include "le/le_tessera.h"
@@ -179,37 +178,8 @@ int childPass() {
   return 0;
 }
 
-std::map<std::string, std::string> parse(const std::string& line) {
-  std::map<std::string, std::string> kv;
-  std::istringstream in(line);
-  for (std::string word; in >> word;)
-    if (const size_t eq = word.find('='); eq != std::string::npos) kv[word.substr(0, eq)] = word.substr(eq + 1);
-  return kv;
-}
-
 std::string runChild(const std::string& self, int threads) {
-  int fd[2];
-  if (pipe(fd) != 0) throw std::runtime_error("pipe failed");
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    dup2(fd[1], 1);
-    close(fd[0]);
-    close(fd[1]);
-    setenv("LE_CORE_THREADS", std::to_string(threads).c_str(), 1);
-    execl(self.c_str(), self.c_str(), "--child", static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(fd[1]);
-  std::fflush(stdout);
-  std::string out;
-  char buf[4096];
-  for (ssize_t n; (n = read(fd[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
-  close(fd[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error("a child run failed");
-  return out;
+  return le::bench::runChild(self, {}, [&] { setenv("LE_CORE_THREADS", std::to_string(threads).c_str(), 1); });
 }
 
 // The scalar reference, single-threaded, and the engine's bytes against it.
@@ -331,7 +301,7 @@ int main(int argc, char** argv) {
                 "emission of the one before it), median and best of the frames after two warm-up pushes\n\n",
                 kDonors, kCanvas, kFrames);
     std::map<int, std::map<std::string, std::string>> rows;
-    for (int threads : {1, 2}) rows[threads] = parse(runChild(self, threads));
+    for (int threads : {1, 2}) rows[threads] = le::bench::parseKeyValues(runChild(self, threads));
     double refMs = 0;
     bool same = false;
     referenceRow(&refMs, &same);
