@@ -17,16 +17,15 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "bundle/file_util.h"
 #include "compute/threads.h"
 #include "le/le.h"
+#include "tests/audio/wav.h"
 #include "le/le_stream.h"
 #include "le/le_utt.h"
 #include "session/motion_family.h"
@@ -39,14 +38,6 @@ double msSince(Clock::time_point t0) { return std::chrono::duration<double, std:
 
 void run(const std::string& cmd) {
   if (std::system(cmd.c_str()) != 0) throw std::runtime_error("failed: " + cmd);
-}
-
-std::vector<int16_t> readWav(const std::string& path) {
-  const std::string b = le::readFile(path);
-  if (b.size() < 44 || b.compare(0, 4, "RIFF") != 0) throw std::runtime_error("not a WAV file: " + path);
-  std::vector<int16_t> pcm((b.size() - 44) / 2);
-  std::memcpy(pcm.data(), b.data() + 44, pcm.size() * 2);
-  return pcm;
 }
 
 struct Figures {
@@ -184,7 +175,7 @@ int main(int argc, char** argv) {
     const int threads = le::pool::threads();
     const std::string gen = std::string("/usr/bin/python3 ") + LE_SOURCE_DIR + "/tools/gen/";
     run(gen + "speech_clip.py " + root + "/clip.wav " + std::to_string(seconds));
-    const std::vector<int16_t> pcm16 = readWav(root + "/clip.wav");
+    const std::vector<int16_t> pcm16 = le::test::readWav16(root + "/clip.wav");
     std::vector<float> pcm(pcm16.size());
     for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = static_cast<float>(pcm16[i]) * 3.0517578e-5f;
     const double audioMs = static_cast<double>(pcm.size()) / 16.0;

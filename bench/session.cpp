@@ -26,6 +26,7 @@
 
 #include "bench/alloc_count.h"
 #include "le/le.h"
+#include "tests/audio/wav.h"
 #include "le/le_utt.h"
 
 namespace {
@@ -39,18 +40,6 @@ double cpuMs() {
   rusage u{};
   getrusage(RUSAGE_SELF, &u);
   return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1e3 + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e3;
-}
-
-std::vector<int16_t> readClip(const std::string& path) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) throw std::runtime_error("cannot read " + path);
-  std::vector<int16_t> pcm;
-  std::fseek(f, 44, SEEK_SET);  // the generator's plain header
-  int16_t buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 2, 4096, f)) > 0) pcm.insert(pcm.end(), buf, buf + n);
-  std::fclose(f);
-  return pcm;
 }
 
 void run(const std::string& cmd) {
@@ -211,7 +200,7 @@ int main(int argc, char** argv) {
   try {
     run(std::string("/usr/bin/python3 ") + LE_SOURCE_DIR + "/tools/gen/speech_clip.py " + root + "/clip.wav " +
         std::to_string(seconds));
-    const std::vector<int16_t> clip = readClip(root + "/clip.wav");
+    const std::vector<int16_t> clip = le::test::readWav16(root + "/clip.wav");
     std::printf("session: a %d s generated clip; %s\n", seconds,
                 LE_BENCH_COUNT_ALLOCS ? "allocations counted by the malloc hook" : "allocations not counted in this build");
     for (const int crop : {256, 512}) benchCrop(root, crop, clip);

@@ -33,6 +33,7 @@
 #include "bench/child_run.h"
 #include "compute/threads.h"
 #include "le/le.h"
+#include "tests/audio/wav.h"
 #include "le/le_tessera.h"
 #include "le/le_utt.h"
 #include "tessera/teeth_pass.h"
@@ -244,18 +245,6 @@ struct Host {
   }
 };
 
-std::vector<int16_t> readClip(const std::string& path) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) throw std::runtime_error("cannot read " + path);
-  std::vector<int16_t> pcm;
-  std::fseek(f, 44, SEEK_SET);
-  int16_t buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 2, 4096, f)) > 0) pcm.insert(pcm.end(), buf, buf + n);
-  std::fclose(f);
-  return pcm;
-}
-
 // Sustained speech fps: the whole clip at once, pulled as fast as frames
 // come. Returns the fps; *frameMs gets the worker's cost per speech frame.
 double sessionRun(const std::string& bundle, const std::vector<int16_t>& clip, bool teeth, const char* road,
@@ -336,7 +325,7 @@ int main(int argc, char** argv) {
     const std::string cmd = std::string("/usr/bin/python3 ") + LE_SOURCE_DIR + "/tools/gen/speech_clip.py " + root +
                             "/clip.wav 20";
     if (std::system(cmd.c_str()) != 0) throw std::runtime_error("generating the clip failed");
-    const std::vector<int16_t> clip = readClip(root + "/clip.wav");
+    const std::vector<int16_t> clip = le::test::readWav16(root + "/clip.wav");
     std::filesystem::remove_all(root);
     const std::string bundle = std::string(data) + "/teeth/session";
     setenv("KESTROVA_ENGINE_QUIET", "1", 1);

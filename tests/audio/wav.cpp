@@ -24,7 +24,7 @@ uint16_t u16(const std::string& s, size_t at) {
 
 }  // namespace
 
-std::vector<float> readWav(const std::string& path) {
+std::vector<int16_t> readWav16(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path);
   std::ostringstream ss;
@@ -42,14 +42,20 @@ std::vector<float> readWav(const std::string& path) {
         throw std::runtime_error("not 16 kHz mono 16-bit PCM: " + path);
       format = true;
     } else if (id == "data" && format) {
-      std::vector<float> pcm(size / 2);
-      for (size_t i = 0; i < pcm.size(); ++i)
-        pcm[i] = static_cast<float>(static_cast<int16_t>(u16(b, body + 2 * i))) / 32768.0f;
+      std::vector<int16_t> pcm(size / 2);
+      if (!pcm.empty()) std::memcpy(pcm.data(), b.data() + body, pcm.size() * 2);
       return pcm;
     }
     at = body + size + (size & 1);
   }
   throw std::runtime_error("no PCM data in " + path);
+}
+
+std::vector<float> readWav(const std::string& path) {
+  const std::vector<int16_t> samples = readWav16(path);
+  std::vector<float> pcm(samples.size());
+  for (size_t i = 0; i < pcm.size(); ++i) pcm[i] = static_cast<float>(samples[i]) / 32768.0f;
+  return pcm;
 }
 
 }  // namespace le::test

@@ -1,7 +1,8 @@
 // Reading the generated speech clips: 16 kHz mono 16-bit PCM WAV. Shared by
-// the speech tests and the speech benchmark.
+// the speech and session tests and the benchmarks.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -10,5 +11,8 @@ namespace le::test {
 // The samples as floats in [-1, 1); throws for anything but 16 kHz mono
 // 16-bit PCM.
 std::vector<float> readWav(const std::string& path);
+
+// The same samples as they are stored.
+std::vector<int16_t> readWav16(const std::string& path);
 
 }  // namespace le::test

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/audio/wav.h"
 #include "tests/support/test_support.h"
 
 namespace le::test {
@@ -16,15 +17,7 @@ void useGeneratedSpeechEncoder() {
   if (!std::getenv("W2V_ONNX")) setenv("W2V_ONNX", dataPath("audio/w2v/w2v.onnx").c_str(), 1);
 }
 
-std::vector<int16_t> clip(const std::string& name) {
-  const std::string b = readFile(dataPath("audio/clips/" + name));
-  // The generator writes a plain 44-byte header: RIFF, fmt of 16 bytes, data.
-  if (b.size() < 44 || b.compare(0, 4, "RIFF") != 0 || b.compare(36, 4, "data") != 0)
-    throw std::runtime_error("not a plain WAV file: " + name);
-  std::vector<int16_t> pcm((b.size() - 44) / 2);
-  std::memcpy(pcm.data(), b.data() + 44, pcm.size() * 2);
-  return pcm;
-}
+std::vector<int16_t> clip(const std::string& name) { return readWav16(dataPath("audio/clips/" + name)); }
 
 std::vector<Frame> pullUntil(le_utt* utt, size_t frame_bytes, double deadline_ms,
                              const std::function<bool(const std::vector<Frame>&)>& done, bool keep_rgb) {
