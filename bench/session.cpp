@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "bench/alloc_count.h"
+#include "bench/session_host.h"
 #include "le/le.h"
 #include "tests/audio/wav.h"
 #include "le/le_utt.h"
@@ -46,28 +47,8 @@ void run(const std::string& cmd) {
   if (std::system(cmd.c_str()) != 0) throw std::runtime_error("failed: " + cmd);
 }
 
-struct Host {
-  le_ctx* ctx;
-  le_utt* utt;
-  std::vector<uint8_t> rgb;
-  Host(const std::string& bundle, const char* steady) {
-    ctx = le_create(bundle.c_str(), "b1_fp32", 0, nullptr);
-    if (!ctx) throw std::runtime_error(le_last_error());
-    le_utt_opts o{};
-    o.motion_dir = bundle.c_str();
-    o.steady_model = steady;
-    utt = le_utt_create(ctx, &o);
-    if (!utt) throw std::runtime_error(le_utt_last_error());
-    rgb.resize(static_cast<size_t>(le_width(ctx)) * le_height(ctx) * 3);
-    int r;
-    while ((r = le_utt_ready(utt)) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    if (r < 0) throw std::runtime_error(le_utt_last_error());
-  }
-  ~Host() {
-    le_utt_destroy(utt);
-    le_destroy(ctx);
-  }
-  int pull(le_utt_frame_info* info) { return le_utt_pull_frame(utt, rgb.data(), rgb.size(), info); }
+struct Host : le::bench::SessionHost {
+  using SessionHost::SessionHost;
   // Pulls at 25 fps for ms milliseconds; returns frames pulled.
   int pullPaced(double ms) {
     int got = 0;

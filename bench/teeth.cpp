@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "bench/child_run.h"
+#include "bench/session_host.h"
 #include "compute/threads.h"
 #include "le/le.h"
 #include "tests/audio/wav.h"
@@ -205,27 +206,8 @@ void referenceRow(double* perFrame, bool* same) {
 
 // ---- the session ----
 
-struct Host {
-  le_ctx* ctx = nullptr;
-  le_utt* utt = nullptr;
-  std::vector<uint8_t> rgb;
-  explicit Host(const std::string& bundle) {
-    ctx = le_create(bundle.c_str(), "b1_fp32", 0, nullptr);
-    if (!ctx) throw std::runtime_error(le_last_error());
-    le_utt_opts o{};
-    o.motion_dir = bundle.c_str();
-    utt = le_utt_create(ctx, &o);
-    if (!utt) throw std::runtime_error(le_utt_last_error());
-    rgb.resize(static_cast<size_t>(le_width(ctx)) * le_height(ctx) * 3);
-    int r;
-    while ((r = le_utt_ready(utt)) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    if (r < 0) throw std::runtime_error(le_utt_last_error());
-  }
-  ~Host() {
-    le_utt_destroy(utt);
-    le_destroy(ctx);
-  }
-  int pull(le_utt_frame_info* info) { return le_utt_pull_frame(utt, rgb.data(), rgb.size(), info); }
+struct Host : le::bench::SessionHost {
+  using SessionHost::SessionHost;
   void attach(const std::string& bundle) {
     char err[1024];
     le_tessera_members* m = le_tessera_members_open(bundle.c_str(), err, sizeof err);
