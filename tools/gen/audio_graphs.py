@@ -64,7 +64,7 @@ from onnx import TensorProto, helper
 
 import speech_clip
 from bundle_data import Bundle, f32
-from graphs import IR_VERSION, OPSET, _f32, _init, _value
+from graphs import _f32, _i64, _init, _model, _value
 
 # Frontend geometry.
 HOP = 80                 # samples between trunk positions
@@ -360,18 +360,6 @@ def clip_deltas(pcm, short=False, window=0, left=3, layers=2):
 
 # ------------------------------------------------------------------ graphs
 
-def _model(nodes, inputs, outputs, inits, name, domains=()):
-    graph = helper.make_graph(nodes, name, inputs, outputs, inits)
-    opsets = [helper.make_opsetid("", OPSET)] + [helper.make_opsetid(d, 1) for d in domains]
-    model = helper.make_model(graph, opset_imports=opsets, producer_name="kestrova-gen", producer_version="1")
-    model.ir_version = IR_VERSION
-    return model.SerializeToString()
-
-
-def _i64(name, values):
-    return _init(name, np.array(values, dtype=np.int64))
-
-
 def _energy_nodes(w):
     """input_values (1, n) -> base (1, 4, n/80)."""
     n = helper.make_node
@@ -642,12 +630,7 @@ def check():
     more than quiet ones, quiet ones more than the pauses, and a clip of
     silence must leave it within 0.003 of rest."""
     pcm, env = speech_clip.synthesize(10.0, seed=10)
-    frames = (len(pcm) + FRAME - 1) // FRAME
-    level = np.array([env[f * FRAME:(f + 1) * FRAME].mean() for f in range(frames)])
-    loud = level > 0.6 * speech_clip.LOUD
-    quiet = (level > 0.6 * speech_clip.QUIET) & (level < 1.2 * speech_clip.QUIET)
-    # Frames well inside a pause: the mouth takes a few frames to close.
-    pause = np.convolve((level > 0).astype(float), np.ones(5), "same") == 0
+    frames, level, loud, quiet, pause = speech_clip.loudness_classes(pcm, env)
     ok = True
     for short in (False, True):
         mouth = _mouth(clip_deltas(pcm, short=short))

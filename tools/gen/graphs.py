@@ -64,6 +64,20 @@ def _value(name, shape):
     return helper.make_tensor_value_info(name, TensorProto.FLOAT, shape)
 
 
+def _i64(name, values):
+    return _init(name, np.array(values, dtype=np.int64))
+
+
+def _model(nodes, inputs, outputs, inits, name, domains=()):
+    """The serialised model of one graph, importing the standard opset and
+    version 1 of each domain named."""
+    graph = helper.make_graph(nodes, name, inputs, outputs, inits)
+    opsets = [helper.make_opsetid("", OPSET)] + [helper.make_opsetid(d, 1) for d in domains]
+    model = helper.make_model(graph, opset_imports=opsets, producer_name="kestrova-gen", producer_version="1")
+    model.ir_version = IR_VERSION
+    return model.SerializeToString()
+
+
 def _ellipse():
     """A soft ellipse, strictly between 0 and 1, so both ends contribute."""
     y, x = np.mgrid[0:CROP, 0:CROP].astype(np.float64)

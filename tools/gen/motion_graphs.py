@@ -71,7 +71,7 @@ import render_graphs
 import session_bench
 import speech_clip
 from bundle_data import Bundle, Rng, f32
-from graphs import IR_VERSION, OPSET, _f32, _init, _value
+from graphs import _f32, _i64, _init, _model, _value
 
 # Log-mel front end (le_motion computes it; the tables are ours).
 NFFT = 512
@@ -231,18 +231,6 @@ class Weights:
 
 
 # ------------------------------------------------------------------ graphs
-
-def _model(nodes, inputs, outputs, inits, name):
-    graph = helper.make_graph(nodes, name, inputs, outputs, inits)
-    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", OPSET)], producer_name="kestrova-gen",
-                              producer_version="1")
-    model.ir_version = IR_VERSION
-    return model.SerializeToString()
-
-
-def _i64(name, values):
-    return _init(name, np.array(values, dtype=np.int64))
-
 
 def student_graph(w):
     n = helper.make_node
@@ -470,11 +458,7 @@ def mouth_of_clip(pcm, nt=4):
 
 def check():
     pcm, env = speech_clip.synthesize(10.0, seed=10)
-    frames = (len(pcm) + FRAME - 1) // FRAME
-    level = np.array([env[f * FRAME:(f + 1) * FRAME].mean() for f in range(frames)])
-    loud = level > 0.6 * speech_clip.LOUD
-    quiet = (level > 0.6 * speech_clip.QUIET) & (level < 1.2 * speech_clip.QUIET)
-    pause = np.convolve((level > 0).astype(float), np.ones(5), "same") == 0
+    _, level, loud, quiet, pause = speech_clip.loudness_classes(pcm, env)
     mouth, _ = mouth_of_clip(pcm)
     silent, _ = mouth_of_clip(speech_clip.silence(2.0))
     corr = np.corrcoef(level, mouth)[0, 1]

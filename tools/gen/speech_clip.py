@@ -100,6 +100,18 @@ def synthesize(seconds, seed=1):
     return pcm, env
 
 
+def loudness_classes(pcm, env):
+    """Per frame of a synthesized clip: the envelope's mean level, and which
+    frames are loud, quiet, and well inside a pause (the mouth takes a few
+    frames to close). Returns (frames, level, loud, quiet, pause)."""
+    frames = (len(pcm) + FRAME - 1) // FRAME
+    level = np.array([env[f * FRAME:(f + 1) * FRAME].mean() for f in range(frames)])
+    loud = level > 0.6 * LOUD
+    quiet = (level > 0.6 * QUIET) & (level < 1.2 * QUIET)
+    pause = np.convolve((level > 0).astype(float), np.ones(5), "same") == 0
+    return frames, level, loud, quiet, pause
+
+
 def silence(seconds):
     return np.zeros(int(round(seconds * RATE)), dtype=np.int16)
 
