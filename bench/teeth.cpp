@@ -38,6 +38,7 @@
 #include "le/le_tessera.h"
 #include "le/le_utt.h"
 #include "tessera/teeth_pass.h"
+#include "tests/support/xorshift.h"
 #include "tests/tessera/teeth_reference.h"
 
 namespace {
@@ -57,16 +58,7 @@ double cpuMs() {
 
 constexpr int kCanvas = 512, kDonors = 1024, kFrames = 16;
 
-struct Rng {
-  uint64_t s;
-  uint64_t next() {
-    s ^= s >> 12;
-    s ^= s << 25;
-    s ^= s >> 27;
-    return s * 0x2545F4914F6CDD1DULL;
-  }
-  double unit() { return static_cast<double>(next() >> 11) / 9007199254740992.0; }
-};
+using Rng = le::test::XorShift64;
 
 uint8_t clampByte(double v) { return static_cast<uint8_t>(std::min(std::max(v, 0.0), 255.0)); }
 
@@ -78,14 +70,14 @@ void paintMouth(std::vector<uint8_t>& img, int w, int h, double cx, double cy, d
       if (d > 1.0) continue;
       uint8_t* p = img.data() + (static_cast<size_t>(y) * w + x) * 3;
       if (d > 0.55) {
-        p[0] = clampByte(170 + r.unit() * 10);
-        p[1] = clampByte(70 + r.unit() * 10);
-        p[2] = clampByte(72 + r.unit() * 10);
+        p[0] = clampByte(170 + r.unit53() * 10);
+        p[1] = clampByte(70 + r.unit53() * 10);
+        p[2] = clampByte(72 + r.unit53() * 10);
       } else if (std::abs(y - cy) < ho * 0.6) {
-        const double t = 200 + r.unit() * 40;
+        const double t = 200 + r.unit53() * 40;
         p[0] = clampByte(t);
-        p[1] = clampByte(t - r.unit() * 6);
-        p[2] = clampByte(t - 10 - r.unit() * 8);
+        p[1] = clampByte(t - r.unit53() * 6);
+        p[2] = clampByte(t - 10 - r.unit53() * 8);
       } else {
         p[0] = 55, p[1] = 28, p[2] = 30;
       }
@@ -108,20 +100,20 @@ struct PassData {
     const double mx = 64 - s.band_c0() + s.shift_margin(), my = 32 - s.band_r0() + s.shift_margin();
     for (int q = 0; q < kDonors; ++q) {
       std::vector<uint8_t> patch(static_cast<size_t>(sh) * sw * 3);
-      const double base[3] = {196 + r.unit() * 30 - 15, 148 + r.unit() * 30 - 15, 128 + r.unit() * 30 - 15};
-      for (size_t i = 0; i < patch.size(); ++i) patch[i] = clampByte(base[i % 3] + r.unit() * 16 - 8);
-      const double open = 3 + 9 * r.unit();
-      paintMouth(patch, sw, sh, mx, my, 36 + 10 * r.unit(), open, r);
+      const double base[3] = {196 + r.unit53() * 30 - 15, 148 + r.unit53() * 30 - 15, 128 + r.unit53() * 30 - 15};
+      for (size_t i = 0; i < patch.size(); ++i) patch[i] = clampByte(base[i % 3] + r.unit53() * 16 - 8);
+      const double open = 3 + 9 * r.unit53();
+      paintMouth(patch, sw, sh, mx, my, 36 + 10 * r.unit53(), open, r);
       std::copy(patch.begin(), patch.end(), bank.refs.begin() + static_cast<ptrdiff_t>(q) * sh * sw * 3);
-      bank.aperture.push_back(0.04 + open / 30.0 + 0.05 * r.unit());
+      bank.aperture.push_back(0.04 + open / 30.0 + 0.05 * r.unit53());
     }
     rgb.resize(static_cast<size_t>(kFrames) * kCanvas * kCanvas * 3);
     pi.resize(static_cast<size_t>(kFrames) * kCanvas * kCanvas);
     for (int f = 0; f < kFrames; ++f) {
       std::vector<uint8_t> img(static_cast<size_t>(kCanvas) * kCanvas * 3);
-      for (size_t i = 0; i < img.size(); ++i) img[i] = clampByte((i % 3 == 0 ? 170 : i % 3 == 1 ? 120 : 100) + r.unit() * 30);
-      const double cx = 256 + 3 * (r.unit() - 0.5), cy = 352 + 3 * (r.unit() - 0.5);
-      paintMouth(img, kCanvas, kCanvas, cx, cy, 40, 6 + 6 * r.unit(), r);
+      for (size_t i = 0; i < img.size(); ++i) img[i] = clampByte((i % 3 == 0 ? 170 : i % 3 == 1 ? 120 : 100) + r.unit53() * 30);
+      const double cx = 256 + 3 * (r.unit53() - 0.5), cy = 352 + 3 * (r.unit53() - 0.5);
+      paintMouth(img, kCanvas, kCanvas, cx, cy, 40, 6 + 6 * r.unit53(), r);
       std::copy(img.begin(), img.end(), rgb.begin() + static_cast<ptrdiff_t>(f) * kCanvas * kCanvas * 3);
       uint8_t* m = pi.data() + static_cast<size_t>(f) * kCanvas * kCanvas;
       for (int y = 0; y < kCanvas; ++y)
@@ -132,12 +124,12 @@ struct PassData {
     }
     bank.c_canon = {256.0, 352.0};
     for (int q = 0; q < kDonors; ++q) {
-      bank.cent.push_back(256.0 + 8 * r.unit() - 4);
-      bank.cent.push_back(352.0 + 8 * r.unit() - 4);
+      bank.cent.push_back(256.0 + 8 * r.unit53() - 4);
+      bank.cent.push_back(352.0 + 8 * r.unit53() - 4);
     }
     auto fill = [&](std::vector<float>& t, size_t n) {
       t.resize(n);
-      for (float& v : t) v = static_cast<float>((r.unit() - 0.5) * 0.5);
+      for (float& v : t) v = static_cast<float>((r.unit53() - 0.5) * 0.5);
     };
     fill(head.cand0_w, 1008);
     fill(head.cand0_b, 16);

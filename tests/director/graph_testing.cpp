@@ -9,6 +9,7 @@
 #include "director/ops/custom_ops.h"
 #include "director/rewrites/head_cubic.h"
 #include "tests/support/test_support.h"
+#include "tests/support/xorshift.h"
 
 // ONNX Runtime 1.29 leaves one small allocation behind for every Ort::Env
 // (14 bytes, inside libonnxruntime): not ours to fix, and it would fail every
@@ -100,13 +101,8 @@ void expectRewriteCases(const std::string& dir, Rewrite rewrite, const std::vect
 }
 
 DirectorInputs sampleInputs(uint32_t seed) {
-  uint64_t s = seed * 0x9E3779B97F4A7C15ull + 1;
-  auto unit = [&] {
-    s ^= s >> 12;
-    s ^= s << 25;
-    s ^= s >> 27;
-    return static_cast<float>(((s * 0x2545F4914F6CDD1Dull) >> 40) / double(1 << 24));
-  };
+  le::test::XorShift64 rng{seed * 0x9E3779B97F4A7C15ull + 1};
+  auto unit = [&] { return rng.unit24(); };
   DirectorInputs in;
   in.pooled64.resize(64 * 32 * 32);
   in.prior.resize(3 * 32 * 32);

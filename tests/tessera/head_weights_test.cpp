@@ -19,6 +19,7 @@
 #include "tessera/head_weights.h"
 #include "tessera/serve_config.h"
 #include "tests/support/test_support.h"
+#include "tests/support/xorshift.h"
 
 namespace {
 
@@ -180,16 +181,7 @@ TEST(HeadWeights, PicklesAHostileAuthorCouldWrite) {
 }
 
 // xorshift64*: the corruptions are the same on every run.
-struct Rng {
-  uint64_t s;
-  uint64_t next() {
-    s ^= s >> 12;
-    s ^= s << 25;
-    s ^= s >> 27;
-    return s * 0x2545F4914F6CDD1DULL;
-  }
-  size_t below(size_t n) { return static_cast<size_t>(next() % n); }
-};
+using Rng = le::test::XorShift64;
 
 uint32_t le32(const std::vector<uint8_t>& b, size_t at) {
   return static_cast<uint32_t>(b[at]) | (static_cast<uint32_t>(b[at + 1]) << 8) |

@@ -17,6 +17,7 @@
 #include "tessera/lip_contour.h"
 #include "tessera/unified_pi.h"
 #include "tests/support/test_support.h"
+#include "tests/support/xorshift.h"
 
 namespace {
 
@@ -179,13 +180,8 @@ TEST(UnifiedPi, GateClosedHalfAndOpen) {
 }
 
 TEST(UnifiedPi, BoxedFormsEqualThePlainOnesOnSeededRows) {
-  uint64_t s = 0x9E3779B97F4A7C15ULL;
-  auto unit = [&] {
-    s ^= s >> 12;
-    s ^= s << 25;
-    s ^= s >> 27;
-    return static_cast<float>((s * 0x2545F4914F6CDD1DULL) >> 40) / static_cast<float>(1 << 24);
-  };
+  le::test::XorShift64 rng{0x9E3779B97F4A7C15ULL};
+  auto unit = [&] { return rng.unit24(); };
   for (const char* name : {"plain", "corner", "wide_idx"}) {
     const UnifiedPi pi = UnifiedPi::fromManifestJson(le::test::readFile(teeth(std::string("pi/") + name + ".json")),
                                                      kCanvas);
